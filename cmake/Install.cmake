@@ -1,0 +1,25 @@
+# SPDX-License-Identifier: Apache-2.0
+# Installs the library, its public headers and a CMake package so that another project can use
+#   find_package(vrocam_ipc_wrapper_common_client) and link vrocam::ipc_wrapper_common_client.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set_target_properties(vrocam_ipc_wrapper_common_client PROPERTIES
+  EXPORT_NAME ipc_wrapper_common_client)
+# On the host the stand-ins are installed beside the library, as the closed ones are on the device.
+install(TARGETS vrocam_ipc_wrapper_common_client vrocam_ulog vrocam.debugwrapper vrocam_sysutils
+                vrocam_ipc_wrapper_vro_client cutils
+        EXPORT vrocamTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ipc/wrapper/common/include/IPCClientShmMgr.h
+              ipc/wrapper/common/include/IPCShmTypes.h
+              utils/sys/SharedMemory.h utils/sys/FileDescriptor.h utils/sys/BootMode.h
+        DESTINATION include/vrocam)
+install(EXPORT vrocamTargets NAMESPACE vrocam::
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
+configure_package_config_file(cmake/Config.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
+add_library(vrocam::ipc_wrapper_common_client ALIAS vrocam_ipc_wrapper_common_client)

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: Apache-2.0
+// IPCClientShmMgr: the process-wide manager of shared memories registered with the IPC client.
+//
+// Ownership: the manager owns the descriptor and mapping of every memory it allocated, and of every
+// memory registered with it, until a release operation closes and unmaps them. The registry owns
+// only copies of records; dropping a record (a repeated allocation under one key, a repeated
+// registration of one descriptor) frees nothing. The manager never owns or deletes the IPC client.
+//
+// Failures leave things as the operations below say; in short: -1 for the manager's own failures,
+// the IPC client's value passed on unchanged for its failures, 0 for a release that finds nothing.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "IPCShmTypes.h"
+
+namespace NSCam {
+namespace ipc {
+namespace wrapper {
+
+class IPCClient;
+struct IPCClientShmMgrInspector;  // test-only access to the members
+
+class IPCClientShmMgr {
+ public:
+  // Who a memory belongs to.
+  struct Identifier {
+    IPC_USER user;
+    unsigned int sensorIdx;
+    uint64_t userId;  // 0 when the caller gave none
+  };
+
+  // The registry key: an owner and a type code, ordered by user (signed), sensorIdx, userId, type.
+  struct ShmMemMapKey {
+    IPC_USER user;
+    unsigned int sensorIdx;
+    uint64_t userId;
+    unsigned int type;
+
+    bool operator<(const ShmMemMapKey& other) const;
+  };
+
+  // The one instance; runs init() before every return. Never null.
+  static IPCClientShmMgr* getInstance();
+
+  // Re-reads "vendor.debug.ipc.log" and, until it has one, asks the factory for the IPC client.
+  // 0 when a client is held, -1 when the factory gave none.
+  int init();
+
+  // Creates, duplicates and maps one region (write protection, shared). On success *fd and *addr
+  // belong to the caller; on failure they hold -1 and null and nothing of the attempt stays open.
+  int allocateShmMem(unsigned int sensorIdx, const std::string& name, int size, int* fd,
+                     void** addr);
+
+  // Allocates, registers and records one memory; it replaces whatever the key held before. When
+  // the IPC client refuses it, its value is returned and the region stays mapped and open.
+  int allocateShmMem(Identifier id, ShmMemAlloc& alloc);
+  int allocateShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc& alloc);
+
+  // As above for count requests, in order; stops at the first failure and keeps earlier ones.
+  int allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsigned int count);
+  int allocateAllShmMems(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
+                         unsigned int count);
+
+  // Registers memory the caller holds; out is filled (its type is left as the caller set it) and
+  // stored under {id, type}. Needs a successful init(): the IPC client is not checked here.
+  int registerShmMem(Identifier id, unsigned int type, std::string name, int fd, unsigned int size,
+                     void* addr, ShmMemInfo& out);
+  int registerShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type, std::string name,
+                     int fd, unsigned int size, void* addr, ShmMemInfo& out);
+  // Registers every element in one call with fresh handles; the caller's vector is not written.
+  int registerShmMem(Identifier id, std::vector<ShmMemInfo> infos);
+  int registerShmMem(IPC_USER user, unsigned int sensorIdx, std::vector<ShmMemInfo> infos);
+
+  // Copies every record of {id, type} into infos in ascending descriptor order; -1 and infos
+  // untouched when there is none.
+  int getShmInfo(std::vector<ShmMemInfo>& infos, Identifier id, unsigned int type);
+  // Copies the record of descriptor fd (-1: the smallest descriptor); -1 and out untouched when
+  // there is none.
+  int getShmInfo(ShmMemInfo& out, Identifier id, unsigned int type, int fd);
+  int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type,
+                 int fd);
+
+  // Unmaps size bytes at addr and closes fd. Touches neither the registry nor the IPC client.
+  [[nodiscard]] int releaseShmMem(int size, int fd, void* addr);
+  // Releases every type of the array (descriptor -1) and erases each type's key. Not atomic with
+  // other operations: the erase after each element runs without the lock.
+  [[nodiscard]] int releaseShmMem(Identifier id, ShmMemAlloc* allocs, unsigned int count);
+  [[nodiscard]] int releaseShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
+                                  unsigned int count);
+  // Deregisters, then (bReleaseBuf) unmaps and closes, then forgets every memory of {id, type}
+  // (fd -1) or the one with descriptor fd (looked up under user id 0). With bReleaseBuf false
+  // the caller keeps the mapping and the descriptor.
+  [[nodiscard]] int releaseShmMem(Identifier id, unsigned int type, bool bReleaseBuf = true,
+                                  int fd = -1);
+  [[nodiscard]] int releaseShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type,
+                                  bool bReleaseBuf = true, int fd = -1);
+  // As above for several types in one deregistration; every listed key is erased.
+  [[nodiscard]] int releaseShmMem(Identifier id, std::vector<unsigned int> types,
+                                  bool bReleaseBuf = true);
+
+  // Deregisters, unmaps, closes and forgets everything; the handle counter keeps counting.
+  [[nodiscard]] int releaseAllShmMems();
+
+ private:
+  friend struct IPCClientShmMgrInspector;
+
+  IPCClientShmMgr();
+  ~IPCClientShmMgr();
+  IPCClientShmMgr(const IPCClientShmMgr&) = delete;
+  IPCClientShmMgr& operator=(const IPCClientShmMgr&) = delete;
+
+  static ShmMemMapKey makeKey(const Identifier& id, unsigned int type);
+  static void unmapAndClose(const std::vector<ShmMemInfo>& infos);
+
+  bool m_Inited;
+  std::mutex m_Lock;
+  int m_NextHandle;
+  std::map<ShmMemMapKey, std::map<int, ShmMemInfo>> m_ShmMemMap;
+  IPCClient* m_pIPCClient;
+  int m_DbgLog;
+};
+
+}  // namespace wrapper
+}  // namespace ipc
+}  // namespace NSCam

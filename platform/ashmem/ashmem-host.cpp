@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// Host ashmem: a region is a memfd sized once and sealed against growing and shrinking.
+#include <cutils/ashmem.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kRegionSeals = F_SEAL_GROW | F_SEAL_SHRINK;
+#ifdef F_SEAL_FUTURE_WRITE
+constexpr int kReadOnlySeal = F_SEAL_FUTURE_WRITE;
+#else
+constexpr int kReadOnlySeal = F_SEAL_WRITE;
+#endif
+
+// The region's seals, or -1 with errno (EBADF for a bad descriptor, EINVAL for a non-memfd).
+int regionSeals(int fd) { return fcntl(fd, F_GET_SEALS); }
+
+bool isRegion(int seals) {
+  return seals >= 0 && (seals & kRegionSeals) == kRegionSeals && (seals & F_SEAL_SEAL) == 0;
+}
+
+}  // namespace
+
+extern "C" int ashmem_create_region(const char* name, size_t size) {
+  const int fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd < 0) return -1;
+  const off_t length = static_cast<off_t>(size);
+  if (length < 0 || ftruncate(fd, length) != 0 || fcntl(fd, F_ADD_SEALS, kRegionSeals) != 0) {
+    const int err = length < 0 ? EINVAL : errno;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
+  return fd;
+}
+
+extern "C" int ashmem_set_prot_region(int fd, int prot) {
+  const int seals = regionSeals(fd);
+  if (seals < 0) return -1;
+  if (!isRegion(seals)) {
+    errno = EINVAL;
+    return -1;
+  }
+  if ((prot & PROT_WRITE) != 0) {
+    // Like ashmem, a region that lost its write protection cannot get it back.
+    if ((seals & (F_SEAL_WRITE | kReadOnlySeal)) != 0) {
+      errno = EINVAL;
+      return -1;
+    }
+    return 0;
+  }
+  return fcntl(fd, F_ADD_SEALS, kReadOnlySeal) == 0 ? 0 : -1;
+}
+
+extern "C" int ashmem_valid(int fd) {
+  const int seals = regionSeals(fd);
+  if (seals < 0) return errno == EBADF ? -1 : 0;
+  return isRegion(seals) ? 1 : 0;
+}

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// Host log output shared by the logging stand-ins: one "L/TAG(PID): text" line on stderr.
+#pragma once
+
+#include <cstdint>
+
+namespace vrocam_host {
+
+// Writes one line with a single write, so that lines of several threads never interleave.
+// Line breaks inside text become spaces; a trailing one is dropped.
+void writeLogLine(char levelLetter, const char* tag, const char* text);
+
+// The unsigned value of the environment variable name (decimal or 0x hex), or fallback.
+uint32_t envSwitch(const char* name, uint32_t fallback);
+
+}  // namespace vrocam_host

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// Host IPC client: the loopback peer and the factory that hands it out.
+#include "LoopbackClient.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace NSCam {
+namespace ipc {
+namespace wrapper {
+
+IPCClient::~IPCClient() = default;
+
+LoopbackClient& LoopbackClient::instance() {
+  static LoopbackClient* client = new LoopbackClient();  // outlives every static user
+  return *client;
+}
+
+int LoopbackClient::check(const ShmMemInfo& info) const {
+  if (fcntl(info.fd, F_GETFD) < 0) return -EBADF;
+  if (info.addr == nullptr) return -EFAULT;
+  if (mByHandle.count(info.handle) != 0) return -EEXIST;
+  return 0;
+}
+
+int LoopbackClient::registerShm(ShmMemInfo& info) {
+  std::lock_guard<std::mutex> guard(mLock);
+  const int err = check(info);
+  if (err == 0) mByHandle[info.handle] = info;
+  return err;
+}
+
+int LoopbackClient::registerShms(std::vector<ShmMemInfo>& infos) {
+  std::lock_guard<std::mutex> guard(mLock);
+  std::map<int, ShmMemInfo> added;
+  for (const ShmMemInfo& info : infos) {
+    int err = check(info);
+    if (err == 0 && added.count(info.handle) != 0) err = -EEXIST;
+    if (err != 0) return err;
+    added[info.handle] = info;
+  }
+  mByHandle.insert(added.begin(), added.end());
+  return 0;
+}
+
+int LoopbackClient::sendCommand(int /*command*/, const void* /*payload*/, size_t /*length*/) {
+  return 0;
+}
+
+int LoopbackClient::waitForPeer(int /*timeoutMs*/) { return 0; }
+
+int LoopbackClient::deregisterShms(std::vector<ShmMemInfo> infos) {
+  std::lock_guard<std::mutex> guard(mLock);
+  int result = 0;
+  for (const ShmMemInfo& info : infos) {
+    if (mByHandle.erase(info.handle) == 0) result = -ENOENT;
+  }
+  return result;
+}
+
+std::vector<ShmMemInfo> LoopbackClient::registrations() const {
+  std::lock_guard<std::mutex> guard(mLock);
+  std::vector<ShmMemInfo> out;
+  for (const auto& entry : mByHandle) out.push_back(entry.second);
+  return out;
+}
+
+IPCClient* IPCClientFactory::getInstance(IPC_PLATFORM_TYPE type) {
+  // The peer daemon behind the other platform types does not exist on the host yet.
+  return type == IPC_PLATFORM_DEFAULT ? &LoopbackClient::instance() : nullptr;
+}
+
+}  // namespace wrapper
+}  // namespace ipc
+}  // namespace NSCam

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+// Host only: the in-process peer that the host factory hands out. It checks what it is given and
+// keeps a table of registrations by handle, as the peer process would.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "IPCClient.h"
+
+namespace NSCam {
+namespace ipc {
+namespace wrapper {
+
+class LoopbackClient : public IPCClient {
+ public:
+  // The process-wide instance that IPCClientFactory::getInstance(IPC_PLATFORM_DEFAULT) returns.
+  static LoopbackClient& instance();
+
+  // 0, or -EBADF (descriptor not open), -EFAULT (null address), -EEXIST (handle already held).
+  int registerShm(ShmMemInfo& info) override;
+  // All or nothing: the first bad record's error, and none of them is kept.
+  int registerShms(std::vector<ShmMemInfo>& infos) override;
+  int sendCommand(int command, const void* payload, size_t length) override;
+  int waitForPeer(int timeoutMs) override;
+  // Forgets every known record; -ENOENT when one of them was not registered.
+  int deregisterShms(std::vector<ShmMemInfo> infos) override;
+
+  // What the peer holds now, in handle order.
+  std::vector<ShmMemInfo> registrations() const;
+
+ private:
+  int check(const ShmMemInfo& info) const;
+
+  mutable std::mutex mLock;
+  std::map<int, ShmMemInfo> mByHandle;
+};
+
+}  // namespace wrapper
+}  // namespace ipc
+}  // namespace NSCam
