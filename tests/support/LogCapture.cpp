@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// LogCapture: a capturing unified logger and a debug-print hook.
+#include "LogCapture.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "HostDebugPrint.h"
+
+namespace vrotest {
+namespace {
+
+using NSCam::Utils::ULog::ULogger;
+
+std::mutex gLock;
+std::vector<LoggedLine> gLogged;
+std::vector<PrintedLine> gPrinted;
+
+class CapturingLogger : public ULogger {
+ public:
+  void onLogMessage(uint32_t moduleId, const char* tag, int level, const char* message,
+                    int length) override {
+    std::lock_guard<std::mutex> guard(gLock);
+    gLogged.push_back(LoggedLine{moduleId, tag, level, message, length});
+  }
+};
+
+CapturingLogger gCapturingLogger;
+
+void capturePrint(const char* tag, cam_debug_level_t level, const char* format, va_list args) {
+  char text[4096];
+  vsnprintf(text, sizeof(text), format, args);
+  std::lock_guard<std::mutex> guard(gLock);
+  gPrinted.push_back(PrintedLine{tag, level, format, text});
+}
+
+}  // namespace
+
+SwitchGuard::SwitchGuard()
+    : mDetailsLevel(ULogger::sDetailsLevel),
+      mMask(ULogger::sNormalDetailsMask),
+      mMode(ULogger::sMode),
+      mLogger(ULogger::sULogger) {
+  memcpy(mLevels, g_logInfoLv, sizeof(mLevels));
+}
+
+SwitchGuard::~SwitchGuard() {
+  ULogger::sDetailsLevel = mDetailsLevel;
+  ULogger::sNormalDetailsMask = mMask;
+  ULogger::sMode = mMode;
+  ULogger::sULogger = mLogger;
+  memcpy(g_logInfoLv, mLevels, sizeof(mLevels));
+}
+
+LogCapture::LogCapture() {
+  clear();
+  ULogger::sDetailsLevel = 5;
+  ULogger::sNormalDetailsMask = 0xFFFFFFFFu;
+  ULogger::sMode = 0x3;
+  ULogger::sULogger = &gCapturingLogger;
+  static const char* const kPrefixes[CAM_DBG_LEVEL_NUM] = {"<D>", "<E>", "<W>"};
+  for (int level = 0; level < CAM_DBG_LEVEL_NUM; ++level) {
+    g_logInfoLv[level].flags |= kLogLevelEnabled;
+    g_logInfoLv[level].prefix = kPrefixes[level];
+  }
+  host_set_debug_print_hook(&capturePrint);
+}
+
+LogCapture::~LogCapture() { host_set_debug_print_hook(nullptr); }
+
+std::vector<LoggedLine> LogCapture::logged() const {
+  std::lock_guard<std::mutex> guard(gLock);
+  return gLogged;
+}
+
+std::vector<PrintedLine> LogCapture::printed() const {
+  std::lock_guard<std::mutex> guard(gLock);
+  return gPrinted;
+}
+
+std::vector<std::string> LogCapture::texts() const {
+  std::vector<std::string> out;
+  for (const LoggedLine& line : logged()) out.push_back(line.text);
+  return out;
+}
+
+int LogCapture::countContaining(const std::string& needle) const {
+  int n = 0;
+  for (const LoggedLine& line : logged()) n += line.text.find(needle) != std::string::npos;
+  return n;
+}
+
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> guard(gLock);
+  gLogged.clear();
+  gPrinted.clear();
+}
+
+}  // namespace vrotest
