@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs the Debian packages the build needs (when run as root), then configures a build tree.
+# Sourced by test.sh and demo.sh: vrocam_setup BUILD_DIR [cmake options...]
+set -euo pipefail
+
+VROCAM_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
+
+vrocam_install_packages() {
+  local missing=()
+  for pkg in "${VROCAM_PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
+      missing+=("$pkg")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing Debian packages: ${missing[*]} (run as root, or install them)" >&2
+    return 1
+  fi
+  echo "installing: ${missing[*]}"
+  DEBIAN_FRONTEND=noninteractive apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}
+
+vrocam_setup() {
+  local build_dir=$1
+  shift
+  vrocam_install_packages
+  cmake -S "$VROCAM_ROOT" -B "$build_dir" -G Ninja "$@" >/dev/null
+}
+
+VROCAM_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
