@@ -10,8 +10,8 @@ namespace vrodemo {
 
 void DemoTable::track(IPCClientShmMgr::Identifier id, unsigned int type) {
   for (const DemoKey& key : mKeys) {
-    if (key.id.user == id.user && key.id.sensorIdx == id.sensorIdx &&
-        key.id.userId == id.userId && key.type == type) {
+    if (key.id.user == id.user && key.id.sensorIdx == id.sensorIdx && key.id.userId == id.userId &&
+        key.type == type) {
       return;
     }
   }

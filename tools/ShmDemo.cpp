@@ -144,8 +144,8 @@ void Demo::writeAndReadBack() {
       const auto pattern = static_cast<unsigned char>(0x5A ^ info.handle);
       memset(info.addr, pattern, info.size);
       ShmMemInfo found;  // looked up again by descriptor, read through the address found
-      const bool same = mMgr.getShmInfo(found, key.id, key.type, info.fd) == 0 &&
-                        found.handle == info.handle;
+      const bool same =
+          mMgr.getShmInfo(found, key.id, key.type, info.fd) == 0 && found.handle == info.handle;
       const auto* data = static_cast<const unsigned char*>(found.addr);
       bool intact = same;
       for (unsigned int i = 0; intact && i < found.size; ++i) intact = data[i] == pattern;

@@ -104,7 +104,7 @@ int FaultScope::count(Fn fn) const {
   return gState->counts[static_cast<size_t>(fn)];
 }
 
-#define VROTEST_COPY(member)                               \
+#define VROTEST_COPY(member)                       \
   std::lock_guard<std::mutex> guard(gState->lock); \
   return gState->member
 
@@ -145,7 +145,8 @@ int interposedOpen(const char* path, int flags, mode_t mode) {
 using vrotest::Fn;
 using vrotest::intercept;
 
-extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd,
+                      off_t offset) noexcept {
   long failed = 0;
   void* result = nullptr;
   if (intercept(Fn::Mmap, &failed)) {
@@ -153,11 +154,13 @@ extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd, of
   } else {
     using MmapFn = void* (*)(void*, size_t, int, int, int, off_t);
     static const MmapFn realMmap = vrotest::next<MmapFn>("mmap");
-    result = realMmap != nullptr
-                 ? realMmap(addr, length, prot, flags, fd, offset)
-                 : reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
+    result =
+        realMmap != nullptr
+            ? realMmap(addr, length, prot, flags, fd, offset)
+            : reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
   }
-  vrotest::record(&vrotest::State::mmaps, vrotest::MmapCall{length, prot, flags, fd, offset, result});
+  vrotest::record(&vrotest::State::mmaps,
+                  vrotest::MmapCall{length, prot, flags, fd, offset, result});
   return result;
 }
 

@@ -12,7 +12,7 @@ bool InFreshProcess();
 }  // namespace vrotest
 
 // The first statement of a test that needs a manager nothing else in the process has touched.
-#define RUN_IN_FRESH_PROCESS()                 \
-  do {                                         \
-    if (!::vrotest::InFreshProcess()) return;  \
+#define RUN_IN_FRESH_PROCESS()                \
+  do {                                        \
+    if (!::vrotest::InFreshProcess()) return; \
   } while (0)

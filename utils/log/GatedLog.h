@@ -72,42 +72,41 @@ inline void toUnifiedLogger(uint32_t moduleId, const char* tag, int level, char*
 
 // Both sinks for one line whose gate is open. errFmt is fmt or fmt with the location suffix;
 // SUFFIX_ARGS supplies the suffix's arguments (or nothing).
-#define GLOG_EMIT_(dbgLevel, ulogLevel, errFmt, SUFFIX_ARGS, fmt, ...)                             \
-  do {                                                                                             \
-    char glogBuf_[::NSCam::Utils::GatedLog::kLineSize];                                            \
-    if (::NSCam::Utils::GatedLog::debugPrintOn(dbgLevel)) {                                        \
-      memset(glogBuf_, 0, sizeof(glogBuf_));                                                       \
-      ::NSCam::Utils::GatedLog::formatChecked(glogBuf_, "%s[%s] %s:%d %s() %s",                    \
-                                              g_logInfoLv[dbgLevel].prefix, LOG_TAG,               \
-                                              get_filename_log_control(GLOG_PATH_), __LINE__,      \
-                                              __FUNCTION__, errFmt);                               \
-      log_dbg_print(LOG_TAG, dbgLevel, glogBuf_, ##__VA_ARGS__ SUFFIX_ARGS);                       \
-    }                                                                                              \
-    if (::NSCam::Utils::GatedLog::unifiedLoggerOn()) {                                             \
-      memset(glogBuf_, 0, sizeof(glogBuf_));                                                       \
-      const int glogLen_ = snprintf(glogBuf_, sizeof(glogBuf_), fmt, ##__VA_ARGS__);               \
-      ::NSCam::Utils::GatedLog::toUnifiedLogger(LOG_MODULE_ID, LOG_TAG, ulogLevel, glogBuf_,       \
-                                                glogLen_);                                         \
-    }                                                                                              \
+#define GLOG_EMIT_(dbgLevel, ulogLevel, errFmt, SUFFIX_ARGS, fmt, ...)                       \
+  do {                                                                                       \
+    char glogBuf_[::NSCam::Utils::GatedLog::kLineSize];                                      \
+    if (::NSCam::Utils::GatedLog::debugPrintOn(dbgLevel)) {                                  \
+      memset(glogBuf_, 0, sizeof(glogBuf_));                                                 \
+      ::NSCam::Utils::GatedLog::formatChecked(                                               \
+          glogBuf_, "%s[%s] %s:%d %s() %s", g_logInfoLv[dbgLevel].prefix, LOG_TAG,           \
+          get_filename_log_control(GLOG_PATH_), __LINE__, __FUNCTION__, errFmt);             \
+      log_dbg_print(LOG_TAG, dbgLevel, glogBuf_, ##__VA_ARGS__ SUFFIX_ARGS);                 \
+    }                                                                                        \
+    if (::NSCam::Utils::GatedLog::unifiedLoggerOn()) {                                       \
+      memset(glogBuf_, 0, sizeof(glogBuf_));                                                 \
+      const int glogLen_ = snprintf(glogBuf_, sizeof(glogBuf_), fmt, ##__VA_ARGS__);         \
+      ::NSCam::Utils::GatedLog::toUnifiedLogger(LOG_MODULE_ID, LOG_TAG, ulogLevel, glogBuf_, \
+                                                glogLen_);                                   \
+    }                                                                                        \
   } while (0)
 
 #define GLOG_NO_SUFFIX_
 #define GLOG_SUFFIX_ARGS_ , __FUNCTION__, __LINE__, GLOG_PATH_
 
-#define GLOG_DETAIL(cond, fmt, ...)                                                           \
-  do {                                                                                        \
-    if ((cond) && ::NSCam::Utils::GatedLog::detailWanted(LOG_MODULE_ID)) {                    \
-      GLOG_EMIT_(CAM_DBG_LEVEL_DETAIL, ::NSCam::Utils::GatedLog::kDetailLevel, fmt,           \
-                 GLOG_NO_SUFFIX_, fmt, ##__VA_ARGS__);                                        \
-    }                                                                                         \
+#define GLOG_DETAIL(cond, fmt, ...)                                                 \
+  do {                                                                              \
+    if ((cond) && ::NSCam::Utils::GatedLog::detailWanted(LOG_MODULE_ID)) {          \
+      GLOG_EMIT_(CAM_DBG_LEVEL_DETAIL, ::NSCam::Utils::GatedLog::kDetailLevel, fmt, \
+                 GLOG_NO_SUFFIX_, fmt, ##__VA_ARGS__);                              \
+    }                                                                               \
   } while (0)
 
-#define GLOG_WARNING(fmt, ...)                                                                \
-  do {                                                                                        \
-    if (::NSCam::Utils::GatedLog::warningWanted()) {                                          \
-      GLOG_EMIT_(CAM_DBG_LEVEL_WARNING, ::NSCam::Utils::GatedLog::kWarningLevel, fmt,         \
-                 GLOG_NO_SUFFIX_, fmt, ##__VA_ARGS__);                                        \
-    }                                                                                         \
+#define GLOG_WARNING(fmt, ...)                                                        \
+  do {                                                                                \
+    if (::NSCam::Utils::GatedLog::warningWanted()) {                                  \
+      GLOG_EMIT_(CAM_DBG_LEVEL_WARNING, ::NSCam::Utils::GatedLog::kWarningLevel, fmt, \
+                 GLOG_NO_SUFFIX_, fmt, ##__VA_ARGS__);                                \
+    }                                                                                 \
   } while (0)
 
 #define GLOG_ERROR(fmt, ...)                                                                  \

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The IPC client of the closed client library and its factory, as the manager compiles against them.
+// The IPC client of the closed client library and its factory, as the manager compiles against
+// them.
 #pragma once
 
 #include <cstddef>

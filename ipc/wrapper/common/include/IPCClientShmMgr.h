@@ -82,8 +82,7 @@ class IPCClientShmMgr {
   // Copies the record of descriptor fd (-1: the smallest descriptor); -1 and out untouched when
   // there is none.
   int getShmInfo(ShmMemInfo& out, Identifier id, unsigned int type, int fd);
-  int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type,
-                 int fd);
+  int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type, int fd);
 
   // Unmaps size bytes at addr and closes fd. Touches neither the registry nor the IPC client.
   [[nodiscard]] int releaseShmMem(int size, int fd, void* addr);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records shared by the shared-memory manager and the IPC client: IPC_USER, ShmMemAlloc, ShmMemInfo.
+// Records shared by the shared-memory manager and the IPC client: IPC_USER, ShmMemAlloc,
+// ShmMemInfo.
 #pragma once
 
 #include <cstddef>

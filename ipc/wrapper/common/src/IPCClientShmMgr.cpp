@@ -213,8 +213,8 @@ int IPCClientShmMgr::allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsi
   return 0;
 }
 
-int IPCClientShmMgr::allocateAllShmMems(IPC_USER user, unsigned int sensorIdx,
-                                        ShmMemAlloc* allocs, unsigned int count) {
+int IPCClientShmMgr::allocateAllShmMems(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
+                                        unsigned int count) {
   return allocateAllShmMems(Identifier{user, sensorIdx, 0}, allocs, count);
 }
 
@@ -257,8 +257,8 @@ int IPCClientShmMgr::registerShmMem(Identifier id, std::vector<ShmMemInfo> infos
   std::vector<ShmMemInfo> registered;
   std::lock_guard<std::mutex> lock(m_Lock);
 
-  MGR_LOGD("[%s] [User:%d, Sensor:%d, UserId:%llu] register shm, size:%zu\n", __FUNCTION__,
-           id.user, id.sensorIdx, llu(id.userId), infos.size());
+  MGR_LOGD("[%s] [User:%d, Sensor:%d, UserId:%llu] register shm, size:%zu\n", __FUNCTION__, id.user,
+           id.sensorIdx, llu(id.userId), infos.size());
   for (const ShmMemInfo& info : infos) {
     registered.emplace_back(info.name, info.type, info.size, info.fd, info.addr, m_NextHandle++);
   }
