@@ -5,7 +5,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set_target_properties(vrocam_ipc_wrapper_common_client PROPERTIES
-  EXPORT_NAME ipc_wrapper_common_client)
+  EXPORT_NAME ipc_wrapper_common_client INSTALL_RPATH "$ORIGIN")
 # On the host the stand-ins are installed beside the library, as the closed ones are on the device.
 install(TARGETS vrocam_ipc_wrapper_common_client vrocam_ulog vrocam.debugwrapper vrocam_sysutils
                 vrocam_ipc_wrapper_vro_client cutils
