@@ -63,11 +63,6 @@ void record(Member member, Record value) {
   (gState->*member).push_back(std::move(value));
 }
 
-template <typename F>
-F next(const char* name) {
-  return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 FaultScope::FaultScope() {
@@ -117,25 +112,54 @@ std::vector<CreateCall> FaultScope::creates() const { VROTEST_COPY(creates); }
 
 namespace {
 
-// The path to open instead of path, or path itself.
-std::string openTarget(const char* path) {
-  if (!gActive.load(std::memory_order_acquire) || path == nullptr) return path ? path : "";
-  std::lock_guard<std::mutex> guard(gState->lock);
-  if (!gState->redirectFrom.empty() && gState->redirectFrom == path) return gState->redirectTo;
-  return path;
+// The next definition of name after this executable's, looked up once. No function-local static:
+// these run before the sanitizers' runtimes are ready, where guarded statics are not safe.
+template <typename F>
+F next(std::atomic<F>& slot, const char* name) {
+  F fn = slot.load(std::memory_order_acquire);
+  if (fn == nullptr) {
+    fn = reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+    slot.store(fn, std::memory_order_release);
+  }
+  return fn;
 }
 
+using OpenFn = int (*)(const char*, int, ...);
+using MmapFn = void* (*)(void*, size_t, int, int, int, off_t);
+using MunmapFn = int (*)(void*, size_t);
+using FdFn = int (*)(int);
+using FcntlFn = int (*)(int, int, ...);
+using CreateFn = int (*)(const char*, size_t);
+using ProtFn = int (*)(int, int);
+
+std::atomic<OpenFn> gOpen{nullptr};
+std::atomic<MmapFn> gMmap{nullptr};
+std::atomic<MunmapFn> gMunmap{nullptr};
+std::atomic<FdFn> gClose{nullptr};
+std::atomic<FdFn> gDup{nullptr};
+std::atomic<FcntlFn> gFcntl{nullptr};
+std::atomic<CreateFn> gCreate{nullptr};
+std::atomic<ProtFn> gProt{nullptr};
+std::atomic<FdFn> gValid{nullptr};
+
 int interposedOpen(const char* path, int flags, mode_t mode) {
+  const OpenFn realOpen = next(gOpen, "open");
+  if (!gActive.load(std::memory_order_acquire)) return realOpen(path, flags, mode);
   long failed = 0;
+  int fd = 0;
   if (intercept(Fn::Open, &failed)) {
-    record(&State::opens, OpenCall{path ? path : "", flags, static_cast<int>(failed)});
-    return static_cast<int>(failed);
+    fd = static_cast<int>(failed);
+  } else {
+    std::string target = path != nullptr ? path : "";
+    {
+      std::lock_guard<std::mutex> guard(gState->lock);
+      if (!gState->redirectFrom.empty() && gState->redirectFrom == target) {
+        target = gState->redirectTo;
+      }
+    }
+    fd = realOpen(target.c_str(), flags, mode);
   }
-  using OpenFn = int (*)(const char*, int, ...);
-  static const OpenFn realOpen = next<OpenFn>("open");
-  const std::string target = openTarget(path);
-  const int fd = realOpen(target.c_str(), flags, mode);
-  record(&State::opens, OpenCall{path ? path : "", flags, fd});
+  record(&State::opens, OpenCall{path != nullptr ? path : "", flags, fd});
   return fd;
 }
 
@@ -144,6 +168,7 @@ int interposedOpen(const char* path, int flags, mode_t mode) {
 
 using vrotest::Fn;
 using vrotest::intercept;
+using vrotest::next;
 
 extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd,
                       off_t offset) noexcept {
@@ -151,13 +176,10 @@ extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd,
   void* result = nullptr;
   if (intercept(Fn::Mmap, &failed)) {
     result = reinterpret_cast<void*>(failed);
+  } else if (const vrotest::MmapFn realMmap = next(vrotest::gMmap, "mmap")) {
+    result = realMmap(addr, length, prot, flags, fd, offset);
   } else {
-    using MmapFn = void* (*)(void*, size_t, int, int, int, off_t);
-    static const MmapFn realMmap = vrotest::next<MmapFn>("mmap");
-    result =
-        realMmap != nullptr
-            ? realMmap(addr, length, prot, flags, fd, offset)
-            : reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
+    result = reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
   }
   vrotest::record(&vrotest::State::mmaps,
                   vrotest::MmapCall{length, prot, flags, fd, offset, result});
@@ -168,27 +190,24 @@ extern "C" int munmap(void* addr, size_t length) noexcept {
   vrotest::record(&vrotest::State::munmaps, vrotest::MunmapCall{addr, length});
   long failed = 0;
   if (intercept(Fn::Munmap, &failed)) return static_cast<int>(failed);
-  using MunmapFn = int (*)(void*, size_t);
-  static const MunmapFn realMunmap = vrotest::next<MunmapFn>("munmap");
-  return realMunmap != nullptr ? realMunmap(addr, length)
-                               : static_cast<int>(syscall(SYS_munmap, addr, length));
+  if (const vrotest::MunmapFn realMunmap = next(vrotest::gMunmap, "munmap")) {
+    return realMunmap(addr, length);
+  }
+  return static_cast<int>(syscall(SYS_munmap, addr, length));
 }
 
 extern "C" int close(int fd) {
   vrotest::record(&vrotest::State::closed, fd);
   long failed = 0;
   if (intercept(Fn::Close, &failed)) return static_cast<int>(failed);
-  using CloseFn = int (*)(int);
-  static const CloseFn realClose = vrotest::next<CloseFn>("close");
-  return realClose != nullptr ? realClose(fd) : static_cast<int>(syscall(SYS_close, fd));
+  if (const vrotest::FdFn realClose = next(vrotest::gClose, "close")) return realClose(fd);
+  return static_cast<int>(syscall(SYS_close, fd));
 }
 
 extern "C" int dup(int fd) noexcept {
   long failed = 0;
   if (intercept(Fn::Dup, &failed)) return static_cast<int>(failed);
-  using DupFn = int (*)(int);
-  static const DupFn realDup = vrotest::next<DupFn>("dup");
-  return realDup(fd);
+  return next(vrotest::gDup, "dup")(fd);
 }
 
 extern "C" int fcntl(int fd, int cmd, ...) {
@@ -196,13 +215,11 @@ extern "C" int fcntl(int fd, int cmd, ...) {
   va_start(ap, cmd);
   void* arg = va_arg(ap, void*);
   va_end(ap);
-  if (cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) {
-    long failed = 0;
-    if (intercept(Fn::Dup, &failed)) return static_cast<int>(failed);
+  long failed = 0;
+  if ((cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && intercept(Fn::Dup, &failed)) {
+    return static_cast<int>(failed);
   }
-  using FcntlFn = int (*)(int, int, ...);
-  static const FcntlFn realFcntl = vrotest::next<FcntlFn>("fcntl");
-  return realFcntl(fd, cmd, arg);
+  return next(vrotest::gFcntl, "fcntl")(fd, cmd, arg);
 }
 
 extern "C" int open(const char* path, int flags, ...) {
@@ -222,14 +239,9 @@ extern "C" int __open_2(const char* path, int flags) {
 
 extern "C" int ashmem_create_region(const char* name, size_t size) {
   long failed = 0;
-  int fd = 0;
-  if (intercept(Fn::AshmemCreate, &failed)) {
-    fd = static_cast<int>(failed);
-  } else {
-    using CreateFn = int (*)(const char*, size_t);
-    static const CreateFn realCreate = vrotest::next<CreateFn>("ashmem_create_region");
-    fd = realCreate(name, size);
-  }
+  const int fd = intercept(Fn::AshmemCreate, &failed)
+                     ? static_cast<int>(failed)
+                     : next(vrotest::gCreate, "ashmem_create_region")(name, size);
   vrotest::record(&vrotest::State::creates, vrotest::CreateCall{name ? name : "", size, fd});
   return fd;
 }
@@ -237,15 +249,11 @@ extern "C" int ashmem_create_region(const char* name, size_t size) {
 extern "C" int ashmem_set_prot_region(int fd, int prot) {
   long failed = 0;
   if (intercept(Fn::AshmemSetProt, &failed)) return static_cast<int>(failed);
-  using ProtFn = int (*)(int, int);
-  static const ProtFn realProt = vrotest::next<ProtFn>("ashmem_set_prot_region");
-  return realProt(fd, prot);
+  return next(vrotest::gProt, "ashmem_set_prot_region")(fd, prot);
 }
 
 extern "C" int ashmem_valid(int fd) {
   long failed = 0;
   if (intercept(Fn::AshmemValid, &failed)) return static_cast<int>(failed);
-  using ValidFn = int (*)(int);
-  static const ValidFn realValid = vrotest::next<ValidFn>("ashmem_valid");
-  return realValid(fd);
+  return next(vrotest::gValid, "ashmem_valid")(fd);
 }

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// getBootMode read from a temporary file standing in for the kernel's boot-mode file.
+#include "BootMode.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <tuple>
+
+#include "FaultInjection.h"
+#include "LeakGuard.h"
+#include "LogCapture.h"
+
+// Each call opens the file once and closes that descriptor once, returns the number leading its
+// first three characters and logs it, or logs one warning and returns 0 when the file is missing
+// or empty; no temporary file or descriptor stays behind.
+TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
+  const std::string path = "/sys/class/BOOT/BOOT/boot/boot_mode";
+  const std::string file = testing::TempDir() + "boot_mode_" + std::to_string(getpid());
+  // Content (null: no file), mode, and the one line logged: its debug-print level and text.
+  const std::tuple<const char*, int, int, std::string> cases[] = {
+      {"4\n", 4, 0, "Boot Mode 4"},
+      {"10", 10, 0, "Boot Mode 10"},
+      {"1234", 123, 0, "Boot Mode 123"},
+      {"abc", 0, 0, "Boot Mode 0"},
+      {"", 0, 2, "could not read boot mode sys file"},
+      {nullptr, 0, 2, "fail to open: " + path}};
+  for (const auto& [content, mode, level, line] : cases) {
+    SCOPED_TRACE(line);
+    vrotest::LeakGuard leaks;
+    if (content != nullptr) std::ofstream(file) << content;
+    vrotest::LogCapture log;
+    vrotest::FaultScope scope;
+    scope.redirectOpen(path, file);
+    EXPECT_EQ(NSCam::Utils::getBootMode(), mode);
+    unlink(file.c_str());
+    const auto opens = scope.opens();
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(std::tie(opens[0].path, opens[0].flags), std::make_tuple(path, O_RDONLY));
+    EXPECT_EQ(scope.closedFds(), content ? std::vector{opens[0].result} : std::vector<int>{});
+    const auto logged = log.logged();
+    const auto printed = log.printed();
+    ASSERT_TRUE(logged.size() == 1 && printed.size() == 1);
+    EXPECT_EQ(std::tie(logged[0].moduleId, logged[0].tag, logged[0].level, logged[0].text),
+              std::make_tuple(0x40007001u, "VroCam/Utils", level == 0 ? 5 : 2, line));
+    EXPECT_EQ(std::tie(printed[0].tag, printed[0].level), std::make_tuple("VroCam/Utils", level));
+    EXPECT_THAT(printed[0].text, testing::EndsWith(" getBootMode() " + line));
+    leaks.expectNoLeaks();
+  }
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+}
