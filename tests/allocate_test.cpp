@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: Apache-2.0
+// Allocation: one region, allocate-and-register of one request and of an array of requests.
+#include <errno.h>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <tuple>
+
+#include "ManagerFixture.h"
+
+namespace vrotest {
+namespace {
+
+using ::testing::HasSubstr;
+
+const IPC_USER kUser = static_cast<IPC_USER>(-2);
+const Id kId{kUser, 7, 1ull << 40};
+const std::string kOwner = "User:-2, Sensor:7, UserId:1099511627776";
+
+__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...) {
+  char text[512];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(text, sizeof(text), fmt, ap);
+  va_end(ap);
+  return text;
+}
+
+class AllocateTest : public ManagerTest {
+ protected:
+  void SetUp() override {
+    ManagerTest::SetUp();
+    ON_CALL(client, registerShm(::testing::_)).WillByDefault([this](ShmMemInfo& info) {
+      seen.push_back(info);
+      return info.name == refuse ? 7 : 0;
+    });
+  }
+  // Descriptors stored under {id, type}.
+  std::vector<int> storedFds(Id id, unsigned int type) {
+    const Inspector::Registry reg = Inspector::registry(*mgr);
+    auto it = reg.find({id.user, id.sensorIdx, id.userId, type});
+    std::vector<int> fds;
+    if (it != reg.end()) {
+      for (const auto& record : it->second) fds.push_back(record.first);
+    }
+    return fds;
+  }
+  std::vector<ShmMemInfo> seen;  // every record registerShm received
+  std::string refuse = "-";      // registerShm returns 7 for a record of this name
+};
+
+// Without a client both forms fail and log it, creating nothing and consuming no handle.
+TEST_F(AllocateTest, NoClientChangesNothing) {
+  const int handle = Inspector::nextHandle(*mgr);
+  ShmMemAlloc req{"none", 1, 4096};
+  Inspector::setClient(*mgr, nullptr);
+  EXPECT_EQ(mgr->allocateShmMem(kId, req), -1);
+  EXPECT_EQ(mgr->allocateAllShmMems(kUser, 7, &req, 1), -1);
+  Inspector::setClient(*mgr, TestClientFactory::forwarder());
+  EXPECT_EQ(log.texts(),
+            (std::vector<std::string>{"[allocateShmMem] error: no Vro IPCClient\n",
+                                      "[allocateAllShmMems] error: no Vro IPCClient\n"}));
+  EXPECT_TRUE(seen.empty());
+  EXPECT_TRUE(Inspector::registry(*mgr).empty());
+  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
+  EXPECT_EQ(seen.at(0).handle, handle);
+  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+}
+
+// The direct form maps a write-only shared duplicate, closes the original, cuts names at NUL.
+TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
+  int fd = -5;
+  void* addr = nullptr;
+  FaultScope faults;
+  ASSERT_EQ(mgr->allocateShmMem(3, std::string("cut\0tail", 8), 8192, &fd, &addr), 0);
+  const int created = faults.creates().at(0).result;
+  EXPECT_EQ(faults.creates()[0].name, "cut");
+  EXPECT_NE(fd, created);
+  EXPECT_FALSE(isOpen(created));
+  const MmapCall call = faults.mmaps().at(0);
+  EXPECT_EQ(std::tie(call.length, call.prot, call.flags, call.fd, call.offset),
+            std::make_tuple(size_t{8192}, PROT_WRITE, MAP_SHARED, fd, off_t{0}));
+  EXPECT_THAT(mappingOf(addr), HasSubstr(" -w-s "));
+  EXPECT_THAT(mappingOf(addr), HasSubstr("/memfd:cut "));
+  EXPECT_EQ(mgr->releaseShmMem(8192, fd, addr), 0);
+}
+
+// A failed dup or mmap leaves -1/null, closes each descriptor once and logs which call failed.
+TEST_F(AllocateTest, DupAndMmapFailuresCleanUp) {
+  for (const Fn fn : {Fn::Dup, Fn::Mmap}) {
+    log.clear();
+    FaultScope faults;
+    faults.fail(fn, 1, -1, ENOMEM);
+    int fd = 99;
+    void* addr = &fd;
+    EXPECT_EQ(mgr->allocateShmMem(3, "broken", 4096, &fd, &addr), -1);
+    EXPECT_EQ(std::make_pair(fd, addr), std::make_pair(-1, static_cast<void*>(nullptr)));
+    const std::vector<int> closed = faults.closedFds();
+    const int created = faults.creates().at(0).result;
+    EXPECT_EQ(std::count(closed.begin(), closed.end(), created), 1);
+    std::string error = "[allocateShmMem] error: [Sensor:3] call dup fail\n";
+    if (fn == Fn::Mmap) {
+      const int dup = faults.mmaps().at(0).fd;
+      EXPECT_EQ(std::count(closed.begin(), closed.end(), dup), 1);
+      error = format("[allocateShmMem] error: [Sensor:3] call mmap fail, fd:%d\n", dup);
+    }
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{
+                               "[allocateShmMem] sensorIdx:3, name:broken, size:4096\n", error}));
+  }
+}
+
+// Failures return their step's value, keep earlier requests and leave a refused region open.
+TEST_F(AllocateTest, FailuresKeepEarlierRequestsOnly) {
+  // Single refused, batch refused at the third request, batch failing to map the third region.
+  const std::pair<int, std::string> cases[] = {
+      {0,
+       "[allocateShmMem] error: [User:-2, Sensor:7] Unable to register shared memories, type: 2\n"},
+      {1,
+       "[allocateAllShmMems] error: [User:-2, Sensor:7] Unable to register shared memories, "
+       "name:r2\n"},
+      {2, "[allocateAllShmMems] error: [" + kOwner +
+              "] Unable to allocate shared memory for r2, size:4096\n"}};
+  ShmMemAlloc reqs[3] = {{"r0", 0, 4096}, {"r1", 1, 4096}, {"r2", 2, 4096}};
+  refuse = "r2";
+  for (const auto& [mode, error] : cases) {
+    const bool batch = mode > 0;
+    const bool refused = mode < 2;
+    seen.clear();
+    log.clear();
+    const int handle = Inspector::nextHandle(*mgr);
+    FaultScope faults;
+    if (!refused) faults.fail(Fn::Mmap, 3, -1, ENOMEM);
+    EXPECT_EQ(batch ? mgr->allocateAllShmMems(kId, reqs, 3) : mgr->allocateShmMem(kId, reqs[2]),
+              refused ? 7 : -1);
+    ASSERT_EQ(seen.size(), (batch ? 2u : 0u) + (refused ? 1u : 0u));
+    EXPECT_EQ(Inspector::nextHandle(*mgr), handle + static_cast<int>(seen.size()));
+    EXPECT_THAT(log.texts(), ::testing::Contains(error));
+    for (unsigned int type = 0; type < 3; ++type) {
+      const bool kept = batch && type < 2;
+      EXPECT_EQ(storedFds(kId, type), kept ? std::vector<int>{seen[type].fd} : std::vector<int>{});
+    }
+    if (refused) {
+      EXPECT_TRUE(isOpen(seen.back().fd));
+      EXPECT_NE(mappingOf(seen.back().addr), "");
+      EXPECT_EQ(mgr->releaseShmMem(4096, seen.back().fd, seen.back().addr), 0);
+    }
+    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+  }
+}
+
+// Records carry type 0, a repeated key keeps only the last, IPC_USER stores under user id 0.
+TEST_F(AllocateTest, RecordHasTypeZeroAndReplacesKey) {
+  const int handle = Inspector::nextHandle(*mgr);
+  ShmMemAlloc req{"rec", 5, 4096};
+  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
+  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
+  ASSERT_EQ(mgr->allocateShmMem(kUser, 7, req), 0);
+  ASSERT_EQ(seen.size(), 3u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_THAT(seen[i], InfoIs("rec", 0, 4096, seen[i].fd, seen[i].addr, handle + i));
+  }
+  EXPECT_EQ(storedFds(Id{kUser, 7, 0}, 5), std::vector<int>{seen[2].fd});
+  EXPECT_EQ(storedFds(kId, 5), std::vector<int>{seen[1].fd});
+  EXPECT_EQ(mgr->releaseShmMem(4096, seen[0].fd, seen[0].addr), 0);
+  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+}
+
+// A batch takes consecutive handles and keeps the last request per type; count 0 does nothing.
+TEST_F(AllocateTest, BatchRecordsLastOfEachType) {
+  for (const auto& types : {std::array<unsigned int, 3>{4, 4, 4}, {1, 2, 3}}) {
+    seen.clear();
+    const int handle = Inspector::nextHandle(*mgr);
+    const bool sameType = types[0] == types[1];
+    ShmMemAlloc reqs[3] = {{"c0", types[0], 4096}, {"c1", types[1], 4096}, {"c2", types[2], 4096}};
+    ASSERT_EQ(sameType ? mgr->allocateAllShmMems(kId, reqs, 3)
+                       : mgr->allocateAllShmMems(kUser, 7, reqs, 3),
+              0);
+    ASSERT_EQ(handlesOf(seen), (std::vector<int>{handle, handle + 1, handle + 2}));
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(storedFds(sameType ? kId : Id{kUser, 7, 0}, types[i]),
+                std::vector<int>{seen[sameType ? 2 : i].fd});
+      if (sameType && i < 2) {
+        EXPECT_EQ(mgr->releaseShmMem(4096, seen[i].fd, seen[i].addr), 0);
+      }
+    }
+    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+  }
+  seen.clear();
+  const int handle = Inspector::nextHandle(*mgr);
+  EXPECT_EQ(mgr->allocateAllShmMems(kId, nullptr, 0), 0);
+  EXPECT_TRUE(seen.empty());
+  EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
+  EXPECT_TRUE(Inspector::registry(*mgr).empty());
+}
+
+// Allocation detail lines appear exactly when m_DbgLog is not 0, negative values included.
+TEST_F(AllocateTest, DetailLinesFollowDbgLog) {
+  for (const int level : {0, 1, -1}) {
+    setDbgLog(mgr, std::to_string(level).c_str());
+    log.clear();
+    seen.clear();
+    const int handle = Inspector::nextHandle(*mgr);
+    ShmMemAlloc one{"g", 5, 4096};
+    ShmMemAlloc batch{"h", 6, 8192};
+    ASSERT_EQ(mgr->allocateShmMem(kId, one), 0);
+    ASSERT_EQ(mgr->allocateAllShmMems(kId, &batch, 1), 0);
+    std::vector<std::string> expected;
+    if (level != 0) {
+      expected = {
+          format("[allocateShmMem] [%s] shmMemType:5, name:g, size:4096, handle:%d\n",
+                 kOwner.c_str(), handle),
+          "[allocateShmMem] sensorIdx:7, name:g, size:4096\n",
+          format("[allocateAllShmMems] [User:-2, sensorIdx:7, UserId:1099511627776] vec size:1, "
+                 "1st handle:%d\n",
+                 handle + 1),
+          "[allocateShmMem] sensorIdx:7, name:h, size:8192\n",
+          format("[allocateAllShmMems] [%s] type:6, addr:0x%p, fd:%d, handle:%d, name:h, "
+                 "size:8192\n",
+                 kOwner.c_str(), seen.at(1).addr, seen.at(1).fd, handle + 1),
+          "[allocateAllShmMems] [User:-2, Sensor:7] calling to IPC client\n"};
+    }
+    EXPECT_EQ(log.texts(), expected) << "m_DbgLog " << level;
+    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+  }
+}
+
+}  // namespace
+}  // namespace vrotest

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tests of the manager's spine: records, registry key order, the instance and init().
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <thread>
+
+#include "FreshProcess.h"
+#include "ManagerFixture.h"
+#include "Properties.h"
+
+namespace vrotest {
+namespace {
+
+using NSCam::Utils::Properties::host_property_set;
+using NSCam::Utils::Properties::property_get_int32;
+using Key = IPCClientShmMgr::ShmMemMapKey;
+using Texts = std::vector<std::string>;
+constexpr char kDbgLog[] = "vendor.debug.ipc.log";
+
+// Keys order by signed user, then unsigned sensor, user id and type; records start out empty.
+TEST(ShmRecordsTest, KeyOrderAndRecords) {
+  const Key ordered[][2] = {
+      {{IPC_USER(-1), ~0u, ~0ull, ~0u}, {IPC_USER(0), 0, 0, 0}},
+      {{IPC_USER(INT_MIN), 0, 0, 0}, {IPC_USER(INT_MAX), 0, 0, 0}},
+      {{IPC_USER(1), 0, ~0ull, ~0u}, {IPC_USER(1), 0xFFFFFFFF, 0, 0}},
+      {{IPC_USER(1), 5, 1, ~0u}, {IPC_USER(1), 5, 1ull << 63, 0}},
+      {{IPC_USER(1), 5, 1, 0}, {IPC_USER(1), 5, 1, 0xFFFFFFFF}},
+  };
+  for (const auto& pair : ordered) {
+    EXPECT_TRUE(pair[0] < pair[1] && !(pair[1] < pair[0]) && !(pair[1] < Key(pair[1])))
+        << pair[0].user << " " << pair[0].sensorIdx << " " << pair[0].type;
+  }
+  EXPECT_THAT(ShmMemInfo(), InfoIs("", 0, 0, -1, nullptr, -1));
+  std::string name = "frame";
+  int word = 0;
+  const ShmMemInfo info(name, 3, 4096, 9, &word, 12);
+  name[0] = 'X';
+  EXPECT_THAT(info, InfoIs("frame", 3, 4096, 9, &word, 12));
+}
+
+// Without a client the first instance logs one error and stays unconnected until a client comes.
+TEST(ManagerInstanceTest, FirstInstanceWithoutClientConnectsLater) {
+  RUN_IN_FRESH_PROCESS();
+  unsetenv(kDbgLog);
+  LogCapture log;
+  IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
+  EXPECT_TRUE(!Inspector::inited(*mgr) && Inspector::client(*mgr) == nullptr);
+  EXPECT_EQ(Inspector::nextHandle(*mgr), 1);
+  EXPECT_EQ(TestClientFactory::calls(), 1);
+  EXPECT_EQ(TestClientFactory::lastType(), 0);
+  EXPECT_EQ(log.texts(),
+            (Texts{"[init] m_DbgLog:0\n", "[init] error: Unable to get Vro IPCClient\n"}));
+  for (const auto& line : log.logged())
+    EXPECT_TRUE(line.tag == "IPCClientShmMgr" && line.moduleId == 0x101002u) << line.text;
+  EXPECT_THAT(log.printed().at(1).text,
+              ::testing::MatchesRegex(".*IPCClient\n \\(init\\)\\{#[0-9]+:ipc/wrapper/common/src/"
+                                      "IPCClientShmMgr.cpp\\}"));
+  EXPECT_EQ(mgr->init(), -1);
+  TestClientFactory::setAvailable(true);
+  EXPECT_EQ(IPCClientShmMgr::getInstance(), mgr);
+  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == TestClientFactory::forwarder());
+  EXPECT_EQ(mgr->init(), 0);
+  EXPECT_EQ(TestClientFactory::calls(), 3);
+}
+
+// Concurrent first calls build one instance and obtain the client exactly once.
+TEST(ManagerInstanceTest, ConcurrentFirstCallsAskFactoryOnce) {
+  RUN_IN_FRESH_PROCESS();
+  TestClientFactory::setAvailable(true);
+  IPCClientShmMgr* seen[8] = {};
+  std::vector<std::thread> threads;
+  for (auto& slot : seen) threads.emplace_back([&slot] { slot = IPCClientShmMgr::getInstance(); });
+  for (auto& thread : threads) thread.join();
+  for (IPCClientShmMgr* mgr : seen) EXPECT_EQ(mgr, seen[0]);
+  EXPECT_EQ(TestClientFactory::calls(), 1);
+}
+
+// Each init() re-reads the verbosity and changes nothing else; the factory is asked until it gives.
+TEST_F(ManagerTest, InitRereadsVerbosityAndAsksFactoryOnce) {
+  Inspector::setClient(*mgr, nullptr);
+  TestClientFactory::resetCalls();
+  const int handle = Inspector::nextHandle(*mgr);
+  for (const char* value : {"2", "-1"}) {
+    host_property_set(kDbgLog, value);
+    EXPECT_EQ(mgr->init(), 0);
+    EXPECT_EQ(Inspector::dbgLog(*mgr), atoi(value));
+    host_property_set(kDbgLog, "3");
+    EXPECT_EQ(IPCClientShmMgr::getInstance(), mgr);
+    EXPECT_EQ(Inspector::dbgLog(*mgr), 3);
+  }
+  EXPECT_EQ(TestClientFactory::calls(), 1);
+  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == TestClientFactory::forwarder());
+  EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
+  EXPECT_TRUE(Inspector::registry(*mgr).empty());
+}
+
+// Only in-range whole numbers are read; the environment applies when no in-process value is set.
+TEST(HostPropertiesTest, ValuesAndEnvironment) {
+  constexpr char kKey[] = "vendor.debug.test.value";
+  const std::pair<const char*, int32_t> cases[] = {
+      {"7", 7}, {"-2147483648", INT32_MIN}, {"", 42}, {"12abc", 42}, {"2147483648", 42}};
+  for (const auto& [text, value] : cases) {
+    host_property_set(kKey, text);
+    EXPECT_EQ(property_get_int32(kKey, 42), value) << '"' << text << '"';
+  }
+  ASSERT_EQ(setenv(kKey, "5", 1), 0);
+  host_property_set(kKey, "9");
+  EXPECT_EQ(property_get_int32(kKey, 42), 9);
+  host_property_set(kKey, nullptr);
+  EXPECT_EQ(property_get_int32(kKey, 42), 5);
+  unsetenv(kKey);
+  EXPECT_EQ(property_get_int32(kKey, 42), 42);
+}
+
+}  // namespace
+}  // namespace vrotest

@@ -1,0 +1,321 @@
+// SPDX-License-Identifier: Apache-2.0
+// Release of shared memories on real memfd regions: one type, one descriptor, lists of records
+// and of types, the raw form and release of everything.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ManagerFixture.h"
+
+namespace vrotest {
+namespace {
+
+using ::testing::_;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using Types = std::vector<unsigned int>;
+
+constexpr unsigned int kType = 7;
+constexpr unsigned int kPage = 4096;
+const std::string kRefused = "error: unable to deregister buffers from vro IPC Client\n";
+
+Id owner(int user, unsigned int sensorIdx = 0, uint64_t userId = 0) {
+  return Id{static_cast<IPC_USER>(user), sensorIdx, userId};
+}
+
+// A region of the test, registered with the manager under the handle it got.
+struct Mem : Region {
+  int handle = -1;
+};
+
+bool gone(const Mem& mem) { return mappingOf(mem.addr).empty() && !isOpen(mem.fd); }
+bool held(const Mem& mem) { return !mappingOf(mem.addr).empty() && isOpen(mem.fd); }
+
+// Expects scope to have seen the regions of mems unmapped (with length) and closed in order.
+void expectFreed(const FaultScope& scope, const std::vector<Mem>& mems, std::vector<int> order,
+                 size_t length = kPage) {
+  std::vector<int> unmapped, closed;
+  for (const MunmapCall& call : scope.munmaps())
+    for (size_t i = 0; i < mems.size(); ++i)
+      if (call.addr == mems[i].addr && call.length == length) unmapped.push_back(int(i));
+  for (int fd : scope.closedFds())
+    for (size_t i = 0; i < mems.size(); ++i)
+      if (fd == mems[i].fd) closed.push_back(int(i));
+  EXPECT_EQ(unmapped, order);
+  EXPECT_EQ(closed, order);
+}
+
+class ReleaseTest : public ManagerTest {
+ protected:
+  void SetUp() override {
+    ManagerTest::SetUp();
+    ON_CALL(client, deregisterShms(_)).WillByDefault([this](std::vector<ShmMemInfo> infos) {
+      sent.push_back(std::move(infos));
+      return answer;
+    });
+  }
+
+  // Registers n fresh pages under {id, type}, last descriptor first; returns them in descriptor
+  // order. Each is recorded with the given size.
+  std::vector<Mem> put(Id id, unsigned int type, int n = 1, unsigned int size = kPage) {
+    std::vector<Mem> mems(n);
+    for (Mem& mem : mems) static_cast<Region&>(mem) = makeRegion(kPage);
+    for (auto mem = mems.rbegin(); mem != mems.rend(); ++mem) {
+      ShmMemInfo out;
+      out.type = type;
+      EXPECT_EQ(mgr->registerShmMem(id, type, "region", mem->fd, size, mem->addr, out), 0);
+      mem->handle = out.handle;
+    }
+    return mems;
+  }
+
+  // Records under {id, type}; -1 when the key is absent.
+  int recordsUnder(Id id, unsigned int type) {
+    const Inspector::Registry registry = Inspector::registry(*mgr);
+    const auto key = registry.find({id.user, id.sensorIdx, id.userId, type});
+    return key == registry.end() ? -1 : static_cast<int>(key->second.size());
+  }
+
+  std::vector<std::string> errors() const {
+    std::vector<std::string> out;
+    for (const LoggedLine& line : log.logged())
+      if (line.level == 1) out.push_back(line.text);
+    return out;
+  }
+
+  std::vector<std::vector<ShmMemInfo>> sent;  // every deregisterShms call
+  int answer = 0;                             // what deregisterShms returns
+};
+
+// Descriptor -1 sends the whole key in one call in descriptor order, frees the records in that
+// order and erases the key.
+TEST_F(ReleaseTest, WholeKeyInDescriptorOrder) {
+  const Id id = owner(-1, 0xFFFFFFFFu, 1ULL << 40);
+  const std::vector<Mem> m = put(id, kType, 3);
+  {
+    FaultScope scope;
+    EXPECT_EQ(mgr->releaseShmMem(id, kType), 0);
+    expectFreed(scope, m, {0, 1, 2});
+  }
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_THAT(fdsOf(sent[0]), ElementsAre(m[0].fd, m[1].fd, m[2].fd));
+  EXPECT_THAT(handlesOf(sent[0]), ElementsAre(m[0].handle, m[1].handle, m[2].handle));
+  for (const Mem& mem : m) EXPECT_TRUE(gone(mem));
+  EXPECT_EQ(recordsUnder(id, kType), -1);
+}
+
+// One descriptor frees only its record and keeps the key, even empty; -1 and unknown descriptors
+// then find nothing, and the list form erases the empty key without any call. The descriptor is
+// looked up under user id 0: a record held only under another id is missed, while the user-id-0
+// record is freed and the caller's own key is the one updated (created empty).
+TEST_F(ReleaseTest, OneDescriptor) {
+  const Id id = owner(1), five = owner(1, 0, 5), seven = owner(1, 0, 7);
+  const std::vector<Mem> m = put(id, kType, 2);
+  const Mem shared = put(id, 8)[0], own = put(five, 8)[0];
+  {
+    FaultScope scope;
+    EXPECT_EQ(mgr->releaseShmMem(id, kType, true, m[1].fd), 0);
+    expectFreed(scope, m, {1});
+  }
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_THAT(sent[0],
+              ElementsAre(InfoIs("region", kType, kPage, m[1].fd, m[1].addr, m[1].handle)));
+  EXPECT_TRUE(gone(m[1]) && held(m[0]));
+  EXPECT_EQ(recordsUnder(id, kType), 1);
+  EXPECT_EQ(mgr->releaseShmMem(five, 8, true, own.fd), 0);
+  EXPECT_EQ(mgr->releaseShmMem(seven, 8, true, shared.fd), 0);
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_THAT(fdsOf(sent[1]), ElementsAre(shared.fd));
+  EXPECT_TRUE(held(own) && gone(shared));
+  EXPECT_EQ(recordsUnder(seven, 8), 0);
+  EXPECT_EQ(recordsUnder(id, 8), 1);  // still recorded, though unmapped and closed
+  EXPECT_EQ(mgr->releaseShmMem(five, 8), 0);
+  EXPECT_EQ(mgr->releaseShmMem(id, kType, true, m[0].fd), 0);
+  EXPECT_TRUE(gone(m[0]) && gone(own));
+  EXPECT_EQ(mgr->releaseShmMem(id, kType, true, -1), 0);
+  EXPECT_EQ(mgr->releaseShmMem(id, kType, true, -2), 0);
+  EXPECT_EQ(recordsUnder(id, kType), 0);
+  ShmMemAlloc alloc{"any", kType, 1};
+  EXPECT_EQ(mgr->releaseShmMem(id, &alloc, 1), 0);
+  EXPECT_EQ(recordsUnder(id, kType), -1);
+  EXPECT_EQ(sent.size(), 4u);
+}
+
+// Without bReleaseBuf the records are deregistered and forgotten but stay mapped and open; the
+// raw form frees them, passing a size of -1 on as the largest length.
+TEST_F(ReleaseTest, KeptBuffersFreedByRawForm) {
+  const std::vector<Mem> m = put(owner(3, 3), kType, 2);
+  {
+    FaultScope scope;
+    EXPECT_EQ(mgr->releaseShmMem(static_cast<IPC_USER>(3), 3, kType, false), 0);
+    EXPECT_EQ(scope.count(Fn::Munmap) + scope.count(Fn::Close), 0);
+  }
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_THAT(fdsOf(sent[0]), ElementsAre(m[0].fd, m[1].fd));
+  EXPECT_EQ(recordsUnder(owner(3, 3), kType), -1);
+  EXPECT_TRUE(held(m[0]) && held(m[1]));
+  {
+    FaultScope scope;
+    EXPECT_EQ(mgr->releaseShmMem(static_cast<int>(kPage), m[0].fd, m[0].addr), 0);
+    scope.failAll(Fn::Munmap, 0, 0);  // the test unmaps the second page itself
+    EXPECT_EQ(mgr->releaseShmMem(-1, m[1].fd, m[1].addr), 0);
+    expectFreed(scope, {m[0]}, {0});
+    expectFreed(scope, {m[1]}, {0}, SIZE_MAX);
+  }
+  EXPECT_TRUE(gone(m[0]));
+  EXPECT_FALSE(isOpen(m[1].fd));
+  munmap(m[1].addr, kPage);
+  EXPECT_EQ(sent.size(), 1u);
+}
+
+// Core form, types form and release of everything return the client's refusal after one error
+// line, and still unmap (a size of 2^31 widened as signed), close and forget the memory.
+TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
+  const Id id = owner(0);
+  const struct {
+    std::string name;
+    int answer;
+    std::function<int()> release;
+  } forms[] = {{"releaseShmMem", 5, [&] { return mgr->releaseShmMem(id, kType); }},
+               {"releaseShmMem", 5, [&] { return mgr->releaseShmMem(id, Types{kType}); }},
+               {"releaseAllShmMems", -3, [&] { return mgr->releaseAllShmMems(); }}};
+  for (const auto& form : forms) {
+    const Mem mem = put(id, kType, 1, 0x80000000u)[0];
+    answer = form.answer;
+    log.clear();
+    {
+      FaultScope scope;
+      scope.failAll(Fn::Munmap, 0, 0);  // the test unmaps the real page itself
+      EXPECT_EQ(form.release(), form.answer) << form.name;
+      expectFreed(scope, {mem}, {0}, 0xFFFFFFFF80000000ull);
+    }
+    EXPECT_FALSE(isOpen(mem.fd));
+    munmap(mem.addr, kPage);
+    EXPECT_EQ(recordsUnder(id, kType), -1);
+    EXPECT_THAT(errors(), ElementsAre("[" + form.name + "] " + kRefused));
+  }
+}
+
+// The list form returns the last element's result: a refused first type is only logged, an
+// unknown last type gives 0, and a refused last type gives its value.
+TEST_F(ReleaseTest, ListFormReturnsLastResult) {
+  const Id id = owner(1, 4, 9);
+  ShmMemAlloc allocs[2] = {{"a", kType, 1}, {"b", 99, 1}};
+  for (int last : {0, 5}) {
+    const Mem mem = put(id, kType)[0];
+    answer = 5;
+    log.clear();
+    EXPECT_EQ(mgr->releaseShmMem(id, allocs, 2), last);
+    EXPECT_TRUE(gone(mem));
+    EXPECT_EQ(recordsUnder(id, kType), -1);
+    EXPECT_THAT(errors(), ElementsAre("[releaseShmMem] " + kRefused,
+                                      "[releaseShmMem] error: Error, unable to release shared "
+                                      "memory on client side, type:7\n"));
+    std::swap(allocs[0], allocs[1]);
+  }
+}
+
+// The types form finding nothing makes no call and erases no key, not even an empty one; else it
+// sends in list order then descriptor order, repeats a type listed twice, erases listed keys.
+TEST_F(ReleaseTest, TypesFormGathersInListOrder) {
+  const Id id = owner(2, 2), other = owner(2, 2, 9);
+  // Frees the record of id (descriptors are looked up under user id 0), leaving other's key empty.
+  ASSERT_EQ(mgr->releaseShmMem(other, 5, true, put(id, 5)[0].fd), 0);
+  sent.clear();
+  EXPECT_EQ(mgr->releaseShmMem(other, Types{5, 6}), 0);
+  EXPECT_TRUE(sent.empty());
+  EXPECT_EQ(recordsUnder(other, 5), 0);
+  std::vector<Mem> m = put(other, 7, 2);
+  m.push_back(put(other, 8)[0]);
+  {
+    FaultScope scope;  // swallows every unmap and close: the test frees each page once
+    scope.failAll(Fn::Munmap, 0, 0);
+    scope.failAll(Fn::Close, 0, 0);
+    EXPECT_EQ(mgr->releaseShmMem(other, Types{8, 5, 7, 8}), 0);
+    expectFreed(scope, m, {2, 0, 1, 2});
+  }
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_THAT(fdsOf(sent[0]), ElementsAre(m[2].fd, m[0].fd, m[1].fd, m[2].fd));
+  for (unsigned int type : {5u, 7u, 8u}) EXPECT_EQ(recordsUnder(other, type), -1);
+  EXPECT_EQ(recordsUnder(id, 5), 1);
+  for (const Mem& mem : m) freeRegion(mem);
+}
+
+// Release of everything sends all records in one call in key order (user -1 before user 0), then
+// descriptor order, frees them in that order, drops empty keys too and leaves the handle counter.
+TEST_F(ReleaseTest, ReleaseAllInKeyThenDescriptorOrder) {
+  ASSERT_EQ(mgr->releaseShmMem(owner(0), 2, true, put(owner(0), 2)[0].fd), 0);
+  const std::vector<Mem> low = put(owner(0), 1, 2), high = put(owner(-1), 1, 2);
+  const std::vector<Mem> m = {high[0], high[1], low[0], low[1]};
+  const int next = Inspector::nextHandle(*mgr);
+  sent.clear();
+  {
+    FaultScope scope;
+    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+    expectFreed(scope, m, {0, 1, 2, 3});
+  }
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_THAT(fdsOf(sent[0]), ElementsAre(m[0].fd, m[1].fd, m[2].fd, m[3].fd));
+  EXPECT_TRUE(Inspector::registry(*mgr).empty());
+  EXPECT_EQ(Inspector::nextHandle(*mgr), next);
+  for (const Mem& mem : m) EXPECT_TRUE(gone(mem));
+}
+
+// Without a client every registry form returns -1 with one error line and changes nothing.
+TEST_F(ReleaseTest, NoClientChangesNothing) {
+  const Id id = owner(1);
+  const Mem mem = put(id, kType)[0];
+  ShmMemAlloc alloc{"a", kType, 1};
+  Inspector::setClient(*mgr, nullptr);
+  log.clear();
+  EXPECT_EQ(mgr->releaseShmMem(id, kType, true, -1), -1);
+  EXPECT_EQ(mgr->releaseShmMem(id, kType, true, mem.fd), -1);
+  EXPECT_EQ(mgr->releaseShmMem(id, &alloc, 1), -1);
+  EXPECT_EQ(mgr->releaseShmMem(id, Types{kType}), -1);
+  EXPECT_EQ(mgr->releaseAllShmMems(), -1);
+  EXPECT_TRUE(Inspector::lockFree(*mgr) && held(mem) && sent.empty());
+  EXPECT_EQ(recordsUnder(id, kType), 1);
+  const std::string none = "error: no Vro IPCClient\n";
+  EXPECT_THAT(log.texts(),
+              ElementsAre("[releaseShmMem] " + none, "[releaseShmMem] " + none,
+                          "[releaseShmMem] " + none, "[releaseShmMem] " + none,
+                          "[releaseAllShmMems] Release all registered shared memories.\n",
+                          "[releaseAllShmMems] " + none));
+  Inspector::setClient(*mgr, TestClientFactory::forwarder());
+  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+  EXPECT_TRUE(gone(mem));
+}
+
+// Release detail lines need m_DbgLog not 0 (negative included); the release-all line needs none.
+// An empty list and an empty registry: the only call is release-all's, with an empty list.
+TEST_F(ReleaseTest, DetailLinesFollowDbgLog) {
+  const Id id = owner(-2, 0xFFFFFFFEu, 1ULL << 33);
+  const std::string head = "[releaseShmMem] [User:-2, Sensor:4294967294, UserId:8589934592]";
+  const std::vector<std::string> lines = {
+      head + " type:7, bReleaseBuf:0, fd:-2\n", head + ", vec size:0\n",
+      head + " typeSize:2, bReleaseBuf:0\n",
+      "[releaseAllShmMems] Release all registered shared memories.\n"};
+  for (const char* level : {"0", "1", "-1"}) {
+    setDbgLog(mgr, level);
+    EXPECT_EQ(Inspector::dbgLog(*mgr), std::atoi(level));
+    log.clear();
+    sent.clear();
+    EXPECT_EQ(mgr->releaseShmMem(id, kType, false, -2), 0);
+    EXPECT_EQ(mgr->releaseShmMem(id, nullptr, 0), 0);
+    EXPECT_EQ(mgr->releaseShmMem(id, Types{kType, 9}, false), 0);
+    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+    const std::vector<std::string> quiet = {lines.back()};
+    EXPECT_EQ(log.texts(), std::atoi(level) == 0 ? quiet : lines) << level;
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_THAT(sent[0], IsEmpty());
+  }
+}
+
+}  // namespace
+}  // namespace vrotest
