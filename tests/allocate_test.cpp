@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <cstdio>
 #include <tuple>
 
@@ -21,15 +20,6 @@ const IPC_USER kUser = static_cast<IPC_USER>(-2);
 const Id kId{kUser, 7, 1ull << 40};
 const std::string kOwner = "User:-2, Sensor:7, UserId:1099511627776";
 
-__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...) {
-  char text[512];
-  va_list ap;
-  va_start(ap, fmt);
-  vsnprintf(text, sizeof(text), fmt, ap);
-  va_end(ap);
-  return text;
-}
-
 class AllocateTest : public ManagerTest {
  protected:
   void SetUp() override {
@@ -41,13 +31,7 @@ class AllocateTest : public ManagerTest {
   }
   // Descriptors stored under {id, type}.
   std::vector<int> storedFds(Id id, unsigned int type) {
-    const Inspector::Registry reg = Inspector::registry(*mgr);
-    auto it = reg.find({id.user, id.sensorIdx, id.userId, type});
-    std::vector<int> fds;
-    if (it != reg.end()) {
-      for (const auto& record : it->second) fds.push_back(record.first);
-    }
-    return fds;
+    return fdsOf(Inspector::records(*mgr, id, type).value_or(std::vector<ShmMemInfo>{}));
   }
   std::vector<ShmMemInfo> seen;  // every record registerShm received
   std::string refuse = "-";      // registerShm returns 7 for a record of this name

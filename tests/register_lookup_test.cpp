@@ -2,7 +2,6 @@
 // Registration of memory the caller holds, and lookup of registered memories.
 #include <gmock/gmock.h>
 
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 
@@ -19,15 +18,6 @@ using ::testing::Return;
 const IPC_USER kUser = static_cast<IPC_USER>(-2);
 const Id kId{kUser, 7, 1ull << 40};
 const std::string kOwner = "[registerShmMem] [User:-2, Sensor:7, UserId:1099511627776] ";
-
-__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...) {
-  char text[512];
-  va_list ap;
-  va_start(ap, fmt);
-  vsnprintf(text, sizeof(text), fmt, ap);
-  va_end(ap);
-  return text;
-}
 
 // Nothing dereferences these: the records are forgotten, never released.
 void* fakeAddr(int fd) { return reinterpret_cast<void*>(static_cast<uintptr_t>(0x10000 * fd)); }
@@ -48,12 +38,8 @@ class RegisterLookupTest : public ManagerTest {
   }
   // Records stored under {id, type}; one record with descriptor -100 when the key is absent.
   std::vector<ShmMemInfo> stored(Id id, unsigned int type) {
-    const Inspector::Registry reg = Inspector::registry(*mgr);
-    auto it = reg.find({id.user, id.sensorIdx, id.userId, type});
-    if (it == reg.end()) return {ShmMemInfo("", 0, 0, -100, nullptr, -1)};
-    std::vector<ShmMemInfo> records;
-    for (const auto& record : it->second) records.push_back(record.second);
-    return records;
+    return Inspector::records(*mgr, id, type)
+        .value_or(std::vector<ShmMemInfo>{ShmMemInfo("", 0, 0, -100, nullptr, -1)});
   }
 };
 

@@ -77,9 +77,8 @@ class ReleaseTest : public ManagerTest {
 
   // Records under {id, type}; -1 when the key is absent.
   int recordsUnder(Id id, unsigned int type) {
-    const Inspector::Registry registry = Inspector::registry(*mgr);
-    const auto key = registry.find({id.user, id.sensorIdx, id.userId, type});
-    return key == registry.end() ? -1 : static_cast<int>(key->second.size());
+    const auto records = Inspector::records(*mgr, id, type);
+    return records ? static_cast<int>(records->size()) : -1;
   }
 
   std::vector<std::string> errors() const {

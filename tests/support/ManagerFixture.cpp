@@ -5,6 +5,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstdarg>
+#include <cstdio>
+
 namespace vrotest {
 
 Region makeRegion(unsigned int size, const char* name) {
@@ -21,6 +24,15 @@ Region makeRegion(unsigned int size, const char* name) {
 void freeRegion(const Region& region) {
   munmap(region.addr, region.size);
   close(region.fd);
+}
+
+std::string format(const char* fmt, ...) {
+  char text[1024];
+  va_list ap;
+  va_start(ap, fmt);
+  vsnprintf(text, sizeof(text), fmt, ap);
+  va_end(ap);
+  return text;
 }
 
 void setDbgLog(IPCClientShmMgr* mgr, const char* value) {

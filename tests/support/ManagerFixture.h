@@ -33,6 +33,9 @@ Region makeRegion(unsigned int size, const char* name = "test-region");
 // Unmaps and closes a region the manager did not release.
 void freeRegion(const Region& region);
 
+// printf into a string, for expected log texts.
+__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...);
+
 // Sets "vendor.debug.ipc.log" for this process (null: unset) and runs init() to pick it up.
 void setDbgLog(IPCClientShmMgr* mgr, const char* value);
 

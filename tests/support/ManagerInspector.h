@@ -4,6 +4,8 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
+#include <vector>
 
 #include "IPCClientShmMgr.h"
 
@@ -33,6 +35,17 @@ struct IPCClientShmMgrInspector {
   static Registry registry(IPCClientShmMgr& mgr) {
     std::lock_guard<std::mutex> lock(mgr.m_Lock);
     return mgr.m_ShmMemMap;
+  }
+  // The records under {id, type} in descriptor order; nullopt when the key is absent.
+  static std::optional<std::vector<ShmMemInfo>> records(IPCClientShmMgr& mgr,
+                                                        IPCClientShmMgr::Identifier id,
+                                                        unsigned int type) {
+    std::lock_guard<std::mutex> lock(mgr.m_Lock);
+    auto key = mgr.m_ShmMemMap.find({id.user, id.sensorIdx, id.userId, type});
+    if (key == mgr.m_ShmMemMap.end()) return std::nullopt;
+    std::vector<ShmMemInfo> out;
+    for (const auto& record : key->second) out.push_back(record.second);
+    return out;
   }
   // Forgets the registry's records without releasing anything.
   static void forgetRegistry(IPCClientShmMgr& mgr) {
