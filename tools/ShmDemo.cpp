@@ -219,7 +219,7 @@ int main(int argc, char** argv) {
   if (getenv("vendor.debug.ipc.log") != nullptr && getenv("VROCAM_LOG_LEVEL") == nullptr) {
     NSCam::Utils::ULog::ULogger::sDetailsLevel = 5;
   }
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  (void)setvbuf(stdout, nullptr, _IOLBF, 0);  // keep table rows between log lines
 
   const vrodemo::ProcessResources before = vrodemo::ProcessResources::now();
   vrodemo::Demo demo(options);

@@ -43,7 +43,7 @@ void log_dbg_print(const char* tag, cam_debug_level_t level, const char* format,
     hook(tag, level, format, args);
   } else {
     char text[1024];
-    vsnprintf(text, sizeof(text), format, args);
+    (void)vsnprintf(text, sizeof(text), format, args);  // a cut line is still printed
     static const char kLetters[] = {'D', 'E', 'W'};
     const char letter = level >= 0 && level < CAM_DBG_LEVEL_NUM ? kLetters[level] : 'I';
     vrocam_host::writeLogLine(letter, tag, text);

@@ -259,6 +259,7 @@ int IPCClientShmMgr::registerShmMem(Identifier id, std::vector<ShmMemInfo> infos
 
   MGR_LOGD("[%s] [User:%d, Sensor:%d, UserId:%llu] register shm, size:%zu\n", __FUNCTION__, id.user,
            id.sensorIdx, llu(id.userId), infos.size());
+  registered.reserve(infos.size());
   for (const ShmMemInfo& info : infos) {
     registered.emplace_back(info.name, info.type, info.size, info.fd, info.addr, m_NextHandle++);
   }
