@@ -8,6 +8,10 @@
 //
 // Failures leave things as the operations below say; in short: -1 for the manager's own failures,
 // the IPC client's value passed on unchanged for its failures, 0 for a release that finds nothing.
+//
+// Threads: one mutex serialises the operations, and the IPC client is called with it held. The
+// release forms and the direct allocateShmMem read the client and the verbosity without it, so
+// do not run them while another thread may be in getInstance()/init() for the first time.
 #pragma once
 
 #include <cstdint>
