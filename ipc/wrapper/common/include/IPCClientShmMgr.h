@@ -11,7 +11,7 @@
 //
 // Threads: one mutex serialises the operations, and the IPC client is called with it held. The
 // release forms and the direct allocateShmMem read the client and the verbosity without it, so
-// do not run them while another thread may be in getInstance()/init() for the first time.
+// do not run them while another thread may be in getInstance() or init().
 #pragma once
 
 #include <cstdint>
