@@ -136,7 +136,6 @@ std::atomic<OpenFn> gOpen{nullptr};
 std::atomic<MmapFn> gMmap{nullptr};
 std::atomic<MunmapFn> gMunmap{nullptr};
 std::atomic<FdFn> gClose{nullptr};
-std::atomic<FdFn> gDup{nullptr};
 std::atomic<FcntlFn> gFcntl{nullptr};
 std::atomic<CreateFn> gCreate{nullptr};
 std::atomic<ProtFn> gProt{nullptr};
@@ -202,12 +201,6 @@ extern "C" int close(int fd) {
   if (intercept(Fn::Close, &failed)) return static_cast<int>(failed);
   if (const vrotest::FdFn realClose = next(vrotest::gClose, "close")) return realClose(fd);
   return static_cast<int>(syscall(SYS_close, fd));
-}
-
-extern "C" int dup(int fd) noexcept {
-  long failed = 0;
-  if (intercept(Fn::Dup, &failed)) return static_cast<int>(failed);
-  return next(vrotest::gDup, "dup")(fd);
 }
 
 extern "C" int fcntl(int fd, int cmd, ...) {

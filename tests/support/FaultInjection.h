@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fault injection: the test executable defines mmap, munmap, close, dup, fcntl(F_DUPFD*), open and
+// Fault injection: the test executable defines mmap, munmap, close, fcntl (duplication), open and
 // the ashmem calls. While a FaultScope is alive they count and record their calls and fail on
 // demand; otherwise, and for calls not armed, they forward to the real functions.
 #pragma once

@@ -43,28 +43,16 @@ std::set<std::string> LeakGuard::memfdMappings() {
 
 LeakGuard::LeakGuard() : mDescriptors(openDescriptors()), mMappings(memfdMappings()) {}
 
-std::vector<std::string> LeakGuard::newDescriptors() const {
-  std::vector<std::string> leaked;
+void LeakGuard::expectNoLeaks() const {
   for (const auto& fd : openDescriptors()) {
     auto before = mDescriptors.find(fd.first);
     if (before == mDescriptors.end() || before->second != fd.second) {
-      leaked.push_back(std::to_string(fd.first) + " -> " + fd.second);
+      ADD_FAILURE() << "descriptor left open: " << fd.first << " -> " << fd.second;
     }
   }
-  return leaked;
-}
-
-std::vector<std::string> LeakGuard::newMappings() const {
-  std::vector<std::string> leaked;
   for (const std::string& line : memfdMappings()) {
-    if (mMappings.count(line) == 0) leaked.push_back(line);
+    if (mMappings.count(line) == 0) ADD_FAILURE() << "mapping left behind: " << line;
   }
-  return leaked;
-}
-
-void LeakGuard::expectNoLeaks() const {
-  for (const std::string& fd : newDescriptors()) ADD_FAILURE() << "descriptor left open: " << fd;
-  for (const std::string& map : newMappings()) ADD_FAILURE() << "mapping left behind: " << map;
 }
 
 std::string mappingOf(const void* addr) {

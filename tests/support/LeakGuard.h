@@ -14,12 +14,8 @@ class LeakGuard {
  public:
   LeakGuard();
 
-  // Descriptors open now that were not open (to the same file) at the snapshot: "fd -> target".
-  std::vector<std::string> newDescriptors() const;
-  // memfd mappings present now that were not at the snapshot: lines of /proc/self/maps.
-  std::vector<std::string> newMappings() const;
-
-  // Fails the current test, naming every leaked descriptor and mapping.
+  // Fails the current test, naming every descriptor open now that was not open (to the same
+  // file) at the snapshot, and every memfd mapping that was not there.
   void expectNoLeaks() const;
 
   static std::map<int, std::string> openDescriptors();
