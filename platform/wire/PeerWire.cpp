@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: Apache-2.0
+// The wire format: encoding, decoding, checksum and escaping.
+#include "PeerWire.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace vrowire {
+
+void Writer::put(uint64_t value, size_t width) {
+  if (mFailed || mCap - mUsed < width) {
+    mFailed = true;
+    return;
+  }
+  for (size_t i = 0; i < width; ++i) mBuf[mUsed++] = static_cast<uint8_t>(value >> (8 * i));
+}
+
+void Writer::header(uint16_t kind, uint32_t seq) {
+  mUsed = 0;
+  mFailed = false;
+  put(kVersion, 2);
+  put(kind, 2);
+  put(seq, 4);
+  put(0, 4);  // payload length, set by finish()
+}
+
+void Writer::bytes(const void* data, size_t size) {
+  if (mFailed || mCap - mUsed < size) {
+    mFailed = true;
+    return;
+  }
+  if (size != 0) memcpy(mBuf + mUsed, data, size);
+  mUsed += size;
+}
+
+bool Writer::name(const char* text, size_t length) {
+  if (length >= kNameSize) return false;
+  if (mFailed || mCap - mUsed < kNameSize) {
+    mFailed = true;
+    return true;
+  }
+  memset(mBuf + mUsed, 0, kNameSize);
+  if (length != 0) memcpy(mBuf + mUsed, text, length);
+  mUsed += kNameSize;
+  return true;
+}
+
+size_t Writer::finish() {
+  if (mFailed || mUsed < kHeaderSize) return 0;
+  const uint64_t length = mUsed - kHeaderSize;
+  for (size_t i = 0; i < 4; ++i) mBuf[8 + i] = static_cast<uint8_t>(length >> (8 * i));
+  return mUsed;
+}
+
+uint64_t Reader::get(size_t width) {
+  if (mFailed || mSize - mUsed < width) {
+    mFailed = true;
+    return 0;
+  }
+  uint64_t value = 0;
+  for (size_t i = 0; i < width; ++i) value |= static_cast<uint64_t>(mData[mUsed++]) << (8 * i);
+  return value;
+}
+
+bool Reader::name(std::string* out) {
+  if (mFailed || mSize - mUsed < kNameSize) {
+    mFailed = true;
+    return false;
+  }
+  const void* end = memchr(mData + mUsed, '\0', kNameSize);
+  if (end == nullptr) return false;
+  const char* text = reinterpret_cast<const char*>(mData + mUsed);
+  out->assign(text, static_cast<const char*>(end) - text);
+  mUsed += kNameSize;
+  return true;
+}
+
+void Reader::text(size_t size, std::string* out) {
+  if (mFailed || mSize - mUsed < size) {
+    mFailed = true;
+    return;
+  }
+  out->assign(reinterpret_cast<const char*>(mData + mUsed), size);
+  mUsed += size;
+}
+
+namespace {
+
+// Reads the header; the payload length must match what follows it exactly.
+int readHeader(Reader& in, size_t size, uint16_t* kind, uint32_t* seq) {
+  const uint16_t version = in.u16();
+  *kind = in.u16();
+  *seq = in.u32();
+  const uint32_t length = in.u32();
+  if (!in.ok()) return -EBADMSG;
+  if (version != kVersion) return -EPROTONOSUPPORT;
+  if (length != size - kHeaderSize) return -EBADMSG;
+  return 0;
+}
+
+int decodeRecords(Reader& in, size_t fdCount, Request* out) {
+  out->flags = in.u32();
+  const uint32_t count = in.u32();
+  if (!in.ok() || count > kMaxRecords || in.left() != count * kRecordSize) return -EBADMSG;
+  if (fdCount > count) return -EBADMSG;
+  out->records.resize(count);
+  for (Record& record : out->records) {
+    record.handle = in.i32();
+    record.type = in.u32();
+    record.size = in.i64();
+    if (!in.name(&record.name)) return -EBADMSG;
+  }
+  if (fdCount < count) return -EBADF;
+  return 0;
+}
+
+int decodeHandles(Reader& in, Request* out) {
+  const uint32_t count = in.u32();
+  if (!in.ok() || count > kMaxHandles || in.left() != count * 4u) return -EBADMSG;
+  out->handles.resize(count);
+  for (int32_t& handle : out->handles) handle = in.i32();
+  return 0;
+}
+
+}  // namespace
+
+int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out) {
+  *out = Request();
+  Reader in(data, size);
+  uint16_t kind = 0;
+  const int header = readHeader(in, size, &kind, &out->seq);
+  out->kind = static_cast<Kind>(kind);
+  if (header != 0) return header;
+
+  int result = 0;
+  switch (out->kind) {
+    case Kind::Ping:
+    case Kind::Holdings:
+      break;
+    case Kind::Register:
+      result = decodeRecords(in, fdCount, out);
+      break;
+    case Kind::Deregister:
+      result = decodeHandles(in, out);
+      break;
+    case Kind::Checksum:
+      out->handle = in.i32();
+      break;
+    case Kind::Fill:
+      out->handle = in.i32();
+      out->value = in.u8();
+      break;
+    case Kind::Status:
+      out->offset = in.u32();
+      break;
+    default:
+      return -EOPNOTSUPP;
+  }
+  if (result != 0) return result;
+  if (!in.done()) return -EBADMSG;
+  if (out->kind != Kind::Register && fdCount != 0) return -EBADMSG;
+  return 0;
+}
+
+namespace {
+
+// Whether an answer of kind carries (word, wide) or (word, text) after a status of 0.
+bool hasWide(uint16_t kind) {
+  return kind == (kAnswer | static_cast<uint16_t>(Kind::Checksum)) ||
+         kind == (kAnswer | static_cast<uint16_t>(Kind::Holdings));
+}
+bool hasText(uint16_t kind) { return kind == (kAnswer | static_cast<uint16_t>(Kind::Status)); }
+
+}  // namespace
+
+size_t encodeAnswer(uint8_t* buffer, size_t capacity, const Answer& answer) {
+  Writer out(buffer, capacity);
+  out.header(answer.kind, answer.seq);
+  out.i32(answer.status);
+  if (answer.status == 0 && hasWide(answer.kind)) {
+    out.u32(answer.word);
+    out.u64(answer.wide);
+  } else if (answer.status == 0 && hasText(answer.kind)) {
+    out.u32(answer.word);
+    out.bytes(answer.text.data(), answer.text.size());
+  }
+  return out.finish();
+}
+
+int decodeAnswer(const uint8_t* data, size_t size, Answer* out) {
+  *out = Answer();
+  Reader in(data, size);
+  if (readHeader(in, size, &out->kind, &out->seq) != 0) return -EPROTO;
+  out->status = in.i32();
+  if ((out->kind & kAnswer) == 0 || out->status > 0) return -EPROTO;
+  if (out->status == 0 && hasWide(out->kind)) {
+    out->word = in.u32();
+    out->wide = in.u64();
+  } else if (out->status == 0 && hasText(out->kind)) {
+    out->word = in.u32();
+    in.text(in.left(), &out->text);
+  }
+  return in.done() ? 0 : -EPROTO;
+}
+
+uint32_t crc32(const void* data, size_t size) {
+  static const auto* table = [] {
+    static uint32_t entries[256];
+    for (uint32_t i = 0; i < 256; ++i) {
+      uint32_t c = i;
+      for (int bit = 0; bit < 8; ++bit) c = (c & 1) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      entries[i] = c;
+    }
+    return entries;
+  }();
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
+  return crc ^ 0xFFFFFFFFu;
+}
+
+std::string escaped(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == '\\') {
+      out += "\\\\";
+    } else if (byte < 0x20 || byte >= 0x7F) {
+      char hex[5];
+      snprintf(hex, sizeof(hex), "\\x%02x", byte);
+      out += hex;
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+}  // namespace vrowire
