@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+// ClientTable: checks, maps, stages and commits a client's memories.
+#include "ClientTable.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace vropeer {
+
+Mapping::Mapping(Mapping&& other) noexcept : mAddr(other.mAddr), mLength(other.mLength) {
+  other.mAddr = nullptr;
+}
+
+Mapping& Mapping::operator=(Mapping&& other) noexcept {
+  if (this != &other) {
+    if (mAddr != nullptr) munmap(mAddr, mLength);
+    mAddr = other.mAddr;
+    mLength = other.mLength;
+    other.mAddr = nullptr;
+  }
+  return *this;
+}
+
+Mapping::~Mapping() {
+  if (mAddr != nullptr) munmap(mAddr, mLength);
+}
+
+bool ClientTable::taken(int32_t handle) const {
+  if (mMemories.count(handle) != 0) return true;
+  for (const Memory& staged : mStaged) {
+    if (staged.handle == handle) return true;
+  }
+  return false;
+}
+
+// Checks one record against its descriptor and the limits (count and bytes already held or
+// staged before it), then maps it.
+int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, uint32_t count,
+                       uint64_t bytes, Memory* out) const {
+  if (record.size <= 0) return -EINVAL;
+  if (!fd) return -EBADF;
+  struct stat st {};
+  const int seals = fcntl(fd.get(), F_GET_SEALS);
+  if (seals < 0 || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -ENODEV;
+  // A client that could shrink the memory would crash the peer with SIGBUS on access.
+  if ((seals & F_SEAL_SHRINK) == 0) return -EPERM;
+  const auto size = static_cast<uint64_t>(record.size);
+  if (static_cast<uint64_t>(st.st_size) < size) return -EOVERFLOW;
+  if (taken(record.handle)) return -EEXIST;
+  if (count >= mLimits.maxMemories || size > mLimits.maxBytes - bytes) return -ENOSPC;
+
+  bool writable = true;
+  void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  if (addr == MAP_FAILED && (errno == EPERM || errno == EACCES)) {
+    writable = false;  // sealed against writing, or sent read-only
+    addr = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0);
+  }
+  if (addr == MAP_FAILED) return -errno;
+  out->handle = record.handle;
+  out->type = record.type;
+  out->size = size;
+  out->name = record.name;
+  out->fd = std::move(fd);
+  out->mapping = Mapping(addr, size);
+  out->writable = writable;
+  return 0;
+}
+
+int ClientTable::registerPart(const vrowire::Request& request,
+                              std::vector<vrowire::UniqueFd>& fds) {
+  if ((request.flags & vrowire::kContinue) == 0) {
+    abandonBatch();
+  } else if (!mBatchOpen) {
+    return -EPROTO;
+  }
+  auto count = static_cast<uint32_t>(mMemories.size() + mStaged.size());
+  uint64_t bytes = mBytes + mStagedBytes;
+  const size_t firstNew = mStaged.size();
+  for (size_t i = 0; i < request.records.size(); ++i) {
+    Memory memory;
+    const int err = admit(request.records[i], std::move(fds[i]), count, bytes, &memory);
+    if (err != 0) {
+      abandonBatch();
+      return err;
+    }
+    // Staged at once, so that a handle repeated within the message is seen as taken.
+    ++count;
+    bytes += memory.size;
+    mStaged.push_back(std::move(memory));
+  }
+  for (size_t i = firstNew; i < mStaged.size(); ++i) mStagedBytes += mStaged[i].size;
+  if ((request.flags & vrowire::kMore) != 0) {
+    mBatchOpen = true;
+    return 0;
+  }
+  for (Memory& memory : mStaged) {
+    const int32_t handle = memory.handle;
+    mMemories.emplace(handle, std::move(memory));
+  }
+  mBytes += mStagedBytes;
+  abandonBatch();  // now empty of anything that was not committed
+  return 0;
+}
+
+void ClientTable::abandonBatch() {
+  mStaged.clear();
+  mStagedBytes = 0;
+  mBatchOpen = false;
+}
+
+int ClientTable::deregister(const std::vector<int32_t>& handles) {
+  int result = 0;
+  for (const int32_t handle : handles) {
+    auto found = mMemories.find(handle);
+    if (found == mMemories.end()) {
+      result = -ENOENT;
+      continue;
+    }
+    mBytes -= found->second.size;
+    mMemories.erase(found);
+  }
+  return result;
+}
+
+const Memory* ClientTable::find(int32_t handle) const {
+  auto found = mMemories.find(handle);
+  return found == mMemories.end() ? nullptr : &found->second;
+}
+
+}  // namespace vropeer
