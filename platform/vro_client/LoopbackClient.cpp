@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Host IPC client: the loopback peer and the factory that hands it out.
+// Host IPC client: the loopback peer.
 #include "LoopbackClient.h"
 
 #include <fcntl.h>
+
+#include "PeerCommands.h"
 
 #include <cerrno>
 
 namespace NSCam {
 namespace ipc {
 namespace wrapper {
-
-IPCClient::~IPCClient() = default;
 
 LoopbackClient& LoopbackClient::instance() {
   static LoopbackClient* client = new LoopbackClient();  // outlives every static user
@@ -44,7 +44,14 @@ int LoopbackClient::registerShms(std::vector<ShmMemInfo>& infos) {
   return 0;
 }
 
-int LoopbackClient::sendCommand(int /*command*/, const void* /*payload*/, size_t /*length*/) {
+int LoopbackClient::sendCommand(int command, void* data, size_t length) {
+  if (command != PEER_COMMAND_HOLDINGS) return -EOPNOTSUPP;
+  if (data == nullptr || length != sizeof(PeerHoldings)) return -EINVAL;
+  std::lock_guard<std::mutex> guard(mLock);
+  auto* holdings = static_cast<PeerHoldings*>(data);
+  holdings->memories = static_cast<uint32_t>(mByHandle.size());
+  holdings->bytes = 0;
+  for (const auto& entry : mByHandle) holdings->bytes += entry.second.size;
   return 0;
 }
 
@@ -64,11 +71,6 @@ std::vector<ShmMemInfo> LoopbackClient::registrations() const {
   std::vector<ShmMemInfo> out;
   for (const auto& entry : mByHandle) out.push_back(entry.second);
   return out;
-}
-
-IPCClient* IPCClientFactory::getInstance(IPC_PLATFORM_TYPE type) {
-  // The peer daemon behind the other platform types does not exist on the host yet.
-  return type == IPC_PLATFORM_DEFAULT ? &LoopbackClient::instance() : nullptr;
 }
 
 }  // namespace wrapper

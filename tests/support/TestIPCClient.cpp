@@ -30,9 +30,9 @@ class Forwarder : public IPCClient {
     IPCClient* client = target();
     return client != nullptr ? client->registerShms(infos) : -1;
   }
-  int sendCommand(int command, const void* payload, size_t length) override {
+  int sendCommand(int command, void* data, size_t length) override {
     IPCClient* client = target();
-    return client != nullptr ? client->sendCommand(command, payload, length) : -1;
+    return client != nullptr ? client->sendCommand(command, data, length) : -1;
   }
   int waitForPeer(int timeoutMs) override {
     IPCClient* client = target();

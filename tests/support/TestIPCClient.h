@@ -18,7 +18,7 @@ class MockIPCClient : public IPCClient {
  public:
   MOCK_METHOD(int, registerShm, (ShmMemInfo & info), (override));
   MOCK_METHOD(int, registerShms, (std::vector<ShmMemInfo> & infos), (override));
-  MOCK_METHOD(int, sendCommand, (int command, const void* payload, size_t length), (override));
+  MOCK_METHOD(int, sendCommand, (int command, void* data, size_t length), (override));
   MOCK_METHOD(int, waitForPeer, (int timeoutMs), (override));
   MOCK_METHOD(int, deregisterShms, (std::vector<ShmMemInfo> infos), (override));
 };

@@ -27,8 +27,9 @@ class IPCClient {
   virtual int registerShm(ShmMemInfo& info) = 0;
   // Registers every record of the vector in one exchange.
   virtual int registerShms(std::vector<ShmMemInfo>& infos) = 0;
-  // Sends an opaque command to the peer (not used by the manager).
-  virtual int sendCommand(int command, const void* payload, size_t length) = 0;
+  // Sends a command to the peer (not used by the manager): data holds length bytes of the
+  // command's arguments on the way in and its answer on the way out.
+  virtual int sendCommand(int command, void* data, size_t length) = 0;
   // Waits until the peer answers or the timeout passes (not used by the manager).
   virtual int waitForPeer(int timeoutMs) = 0;
   // Forgets every record of the vector; the vector is the caller's copy.

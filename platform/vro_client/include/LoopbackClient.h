@@ -22,7 +22,8 @@ class LoopbackClient : public IPCClient {
   int registerShm(ShmMemInfo& info) override;
   // All or nothing: the first bad record's error, and none of them is kept.
   int registerShms(std::vector<ShmMemInfo>& infos) override;
-  int sendCommand(int command, const void* payload, size_t length) override;
+  // PEER_COMMAND_HOLDINGS only (PeerCommands.h); -EOPNOTSUPP for the others.
+  int sendCommand(int command, void* data, size_t length) override;
   int waitForPeer(int timeoutMs) override;
   // Forgets every known record; -ENOENT when one of them was not registered.
   int deregisterShms(std::vector<ShmMemInfo> infos) override;
