@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "LoopbackClient.h"
+#include "PeerCommands.h"
 
 namespace vrodemo {
 
@@ -34,9 +34,15 @@ size_t DemoTable::print(IPCClientShmMgr& mgr, const std::string& title) const {
     }
   }
   if (rows == 0) printf("  (empty)\n");
-  const size_t peer = NSCam::ipc::wrapper::LoopbackClient::instance().registrations().size();
-  printf("  %zu memories in the registry, %zu registered with the peer\n", rows, peer);
+  printf("  %zu memories in the registry, %ld registered with the peer\n", rows, peerHoldings());
   return rows;
+}
+
+long DemoTable::peerHoldings() const {
+  NSCam::ipc::wrapper::PeerHoldings holdings{};
+  const int err =
+      mClient.sendCommand(NSCam::ipc::wrapper::PEER_COMMAND_HOLDINGS, &holdings, sizeof(holdings));
+  return err == 0 ? static_cast<long>(holdings.memories) : -1;
 }
 
 }  // namespace vrodemo

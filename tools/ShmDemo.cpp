@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // The demo: allocates, registers, looks up and releases shared memories through the manager and
-// the host loopback IPC client, showing the registry after each step and counting leaks.
+// the host IPC client (the in-process loopback, or with --peer the peer daemon), showing the
+// registry after each step and counting leaks.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "DemoPeer.h"
 #include "DemoTable.h"
 #include "ProcessResources.h"
 #include "ULogger.h"
@@ -24,13 +28,15 @@ using Id = IPCClientShmMgr::Identifier;
 struct Options {
   unsigned int regions = 3;
   unsigned int size = 4096;
+  std::string peer;  // the peer daemon's binary, for --peer
 };
 
 void usage(const char* program) {
   printf(
-      "usage: %s [--regions N] [--size BYTES]\n"
-      "  --regions N   memories per batch, 1 to 64 (default 3)\n"
-      "  --size BYTES  size of each memory, 1 to 16777216 (default 4096)\n"
+      "usage: %s [--regions N] [--size BYTES] [--peer BINARY]\n"
+      "  --regions N    memories per batch, 1 to 64 (default 3)\n"
+      "  --size BYTES   size of each memory, 1 to 16777216 (default 4096)\n"
+      "  --peer BINARY  start the peer daemon BINARY on a private socket and run against it\n"
       "Set vendor.debug.ipc.log (env vendor.debug.ipc.log=2 %s) to see the manager's log lines.\n",
       program, program);
 }
@@ -44,6 +50,10 @@ bool parse(int argc, char** argv, Options* options) {
       exit(0);
     }
     if (i + 1 >= argc) return false;
+    if (arg == "--peer") {
+      options->peer = argv[++i];
+      continue;
+    }
     char* end = nullptr;
     const unsigned long value = strtoul(argv[++i], &end, 10);
     if (*end != '\0') return false;
@@ -60,8 +70,8 @@ bool parse(int argc, char** argv, Options* options) {
 
 class Demo {
  public:
-  explicit Demo(const Options& options)
-      : mOptions(options), mMgr(*IPCClientShmMgr::getInstance()) {}
+  Demo(const Options& options, IPCClientShmMgr& mgr, IPCClient& client)
+      : mOptions(options), mMgr(mgr), mClient(client), mTable(client) {}
 
   // Runs every step; true when every call succeeded and every memory read back its pattern.
   bool run();
@@ -71,13 +81,16 @@ class Demo {
     printf("  %-58s -> %d\n", call.c_str(), result);
     if (result != 0) mOk = false;
   }
+  void forEachMemory(const std::function<void(const DemoKey&, const ShmMemInfo&)>& visit);
   void allocate();
   void registerOwnMemory();
   void writeAndReadBack();
+  void checkWithPeer();
   void releaseEachWay();
 
   const Options mOptions;
   IPCClientShmMgr& mMgr;
+  IPCClient& mClient;
   DemoTable mTable;
   bool mOk = true;
   const Id mPipeline{NSCam::ipc::wrapper::IPC_USER_PIPELINE, 0, 0};
@@ -106,13 +119,17 @@ void Demo::allocate() {
 }
 
 void Demo::registerOwnMemory() {
-  // Memory this program made itself: a memfd mapped read-write. The manager frees it on release.
+  // Memory this program made itself: a memfd sealed at its size (the peer maps nothing that could
+  // shrink under it), mapped read-write. The manager frees it on release.
   auto makeOwn = [this](const std::string& name) {
     ShmMemInfo info;
     info.name = name;
     info.size = mOptions.size;
-    info.fd = memfd_create(name.c_str(), MFD_CLOEXEC);
-    if (info.fd < 0 || ftruncate(info.fd, mOptions.size) != 0) return info;
+    info.fd = memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (info.fd < 0 || ftruncate(info.fd, mOptions.size) != 0 ||
+        fcntl(info.fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
+      return info;
+    }
     info.addr = mmap(nullptr, mOptions.size, PROT_READ | PROT_WRITE, MAP_SHARED, info.fd, 0);
     return info;
   };
@@ -134,31 +151,47 @@ void Demo::registerOwnMemory() {
   mTable.print(mMgr, "after registering the program's own memory");
 }
 
-void Demo::writeAndReadBack() {
-  size_t memories = 0;
-  size_t bytes = 0;
+void Demo::forEachMemory(const std::function<void(const DemoKey&, const ShmMemInfo&)>& visit) {
   for (const DemoKey& key : mTable.keys()) {
     std::vector<ShmMemInfo> infos;
     if (mMgr.getShmInfo(infos, key.id, key.type) != 0) continue;
-    for (const ShmMemInfo& info : infos) {
-      const auto pattern = static_cast<unsigned char>(0x5A ^ info.handle);
-      memset(info.addr, pattern, info.size);
-      ShmMemInfo found;  // looked up again by descriptor, read through the address found
-      const bool same =
-          mMgr.getShmInfo(found, key.id, key.type, info.fd) == 0 && found.handle == info.handle;
-      const auto* data = static_cast<const unsigned char*>(found.addr);
-      bool intact = same;
-      for (unsigned int i = 0; intact && i < found.size; ++i) intact = data[i] == pattern;
-      if (!intact) {
-        printf("  pattern lost in %s (fd %d)\n", info.name.c_str(), info.fd);
-        mOk = false;
-      }
-      ++memories;
-      bytes += info.size;
-    }
+    for (const ShmMemInfo& info : infos) visit(key, info);
   }
+}
+
+// The byte the demo writes into a memory.
+unsigned char patternOf(const ShmMemInfo& info) {
+  return static_cast<unsigned char>(0x5A ^ info.handle);
+}
+
+void Demo::writeAndReadBack() {
+  size_t memories = 0;
+  size_t bytes = 0;
+  forEachMemory([&](const DemoKey& key, const ShmMemInfo& info) {
+    const unsigned char pattern = patternOf(info);
+    memset(info.addr, pattern, info.size);
+    ShmMemInfo found;  // looked up again by descriptor, read through the address found
+    const bool same =
+        mMgr.getShmInfo(found, key.id, key.type, info.fd) == 0 && found.handle == info.handle;
+    const auto* data = static_cast<const unsigned char*>(found.addr);
+    bool intact = same;
+    for (unsigned int i = 0; intact && i < found.size; ++i) intact = data[i] == pattern;
+    if (!intact) {
+      printf("  pattern lost in %s (fd %d)\n", info.name.c_str(), info.fd);
+      mOk = false;
+    }
+    ++memories;
+    bytes += info.size;
+  });
   printf("\n== wrote a pattern into %zu memories (%zu bytes) and read it back through lookup\n",
          memories, bytes);
+}
+
+void Demo::checkWithPeer() {
+  printf("\n== the peer reads each memory through its own mapping, then writes into it\n");
+  forEachMemory([&](const DemoKey&, const ShmMemInfo& info) {
+    if (!showPeerView(mClient, info, patternOf(info))) mOk = false;
+  });
 }
 
 void Demo::releaseEachWay() {
@@ -202,6 +235,7 @@ bool Demo::run() {
   allocate();
   registerOwnMemory();
   writeAndReadBack();
+  if (!mOptions.peer.empty()) checkWithPeer();
   releaseEachWay();
   return mOk;
 }
@@ -221,14 +255,32 @@ int main(int argc, char** argv) {
   }
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);  // keep table rows between log lines
 
+  vrodemo::DemoPeer peer;
+  if (!options.peer.empty() && !peer.start(options.peer)) return 1;
+  vrodemo::IPCClientShmMgr* mgr = vrodemo::IPCClientShmMgr::getInstance();
+  NSCam::ipc::wrapper::IPCClient* client =
+      NSCam::ipc::wrapper::IPCClientFactory::getInstance(NSCam::ipc::wrapper::IPC_PLATFORM_DEFAULT);
+  if (client == nullptr) {
+    fprintf(stderr, "no IPC client\n");
+    return 1;
+  }
+
   const vrodemo::ProcessResources before = vrodemo::ProcessResources::now();
-  vrodemo::Demo demo(options);
+  vrodemo::Demo demo(options, *mgr, *client);
   const bool ok = demo.run();
   const vrodemo::ProcessResources after = vrodemo::ProcessResources::now();
 
   const int fdLeaks = after.descriptors - before.descriptors;
   const int mapLeaks = after.sharedMappings - before.sharedMappings;
-  printf("\n== summary: %s; leaked descriptors: %d, leaked mappings: %d\n",
+  printf("\n== summary: %s; leaked descriptors: %d, leaked mappings: %d",
          ok ? "every step succeeded" : "a step FAILED", fdLeaks, mapLeaks);
-  return ok && fdLeaks == 0 && mapLeaks == 0 ? 0 : 1;
+  bool peerOk = true;
+  if (!options.peer.empty()) {
+    const long held = vrodemo::DemoTable(*client).peerHoldings();
+    const int exitCode = peer.stop();
+    printf("; the peer holds %ld memories and exited with %d", held, exitCode);
+    peerOk = held == 0 && exitCode == 0;
+  }
+  printf("\n");
+  return ok && peerOk && fdLeaks == 0 && mapLeaks == 0 ? 0 : 1;
 }

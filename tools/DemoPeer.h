@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// The demo's peer daemon, on a private socket, and what the demo asks it about each memory.
+#pragma once
+
+#include <string>
+
+#include "IPCClient.h"
+#include "PeerProcess.h"
+
+namespace vrodemo {
+
+class DemoPeer {
+ public:
+  DemoPeer() = default;
+  // Stops a peer still running and removes the private directory.
+  ~DemoPeer();
+  DemoPeer(const DemoPeer&) = delete;
+  DemoPeer& operator=(const DemoPeer&) = delete;
+
+  // Starts binary on a socket in a new private directory and points this process's IPC client
+  // at it (VROCAM_IPC_SOCKET). Call it before the manager's first getInstance().
+  bool start(const std::string& binary);
+  // Stops the peer with SIGTERM: its exit code, or -1 when it did not exit by itself.
+  int stop();
+
+ private:
+  vropeer::PeerProcess mProcess;
+  std::string mDir;
+};
+
+// Asks the peer for the checksum of info's memory, which must hold `written` in every byte, then
+// has the peer write another byte into it and reads that back through info.addr. Prints one row;
+// false when the peer saw something else or its write did not arrive.
+bool showPeerView(NSCam::ipc::wrapper::IPCClient& client,
+                  const NSCam::ipc::wrapper::ShmMemInfo& info, unsigned char written);
+
+}  // namespace vrodemo
