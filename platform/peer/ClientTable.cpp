@@ -72,11 +72,12 @@ int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, uint
 
 int ClientTable::registerPart(const vrowire::Request& request,
                               std::vector<vrowire::UniqueFd>& fds) {
-  if ((request.flags & vrowire::kContinue) == 0) {
+  const bool continues = (request.flags & vrowire::kContinue) != 0;
+  if (fds.size() != request.records.size() || (continues && !mBatchOpen)) {
     abandonBatch();
-  } else if (!mBatchOpen) {
-    return -EPROTO;
+    return fds.size() != request.records.size() ? -EBADF : -EPROTO;
   }
+  if (!continues) abandonBatch();
   auto count = static_cast<uint32_t>(mMemories.size() + mStaged.size());
   uint64_t bytes = mBytes + mStagedBytes;
   const size_t firstNew = mStaged.size();

@@ -102,7 +102,7 @@ int readHeader(Reader& in, size_t size, uint16_t* kind, uint32_t* seq) {
 int decodeRecords(Reader& in, size_t fdCount, Request* out) {
   out->flags = in.u32();
   const uint32_t count = in.u32();
-  if (!in.ok() || count > kMaxRecords || in.left() != count * kRecordSize) return -EBADMSG;
+  if (!in.ok() || count > kMaxRecords || in.left() != size_t{count} * kRecordSize) return -EBADMSG;
   if (fdCount > count) return -EBADMSG;
   out->records.resize(count);
   for (Record& record : out->records) {
@@ -117,7 +117,7 @@ int decodeRecords(Reader& in, size_t fdCount, Request* out) {
 
 int decodeHandles(Reader& in, Request* out) {
   const uint32_t count = in.u32();
-  if (!in.ok() || count > kMaxHandles || in.left() != count * 4u) return -EBADMSG;
+  if (!in.ok() || count > kMaxHandles || in.left() != size_t{count} * 4) return -EBADMSG;
   out->handles.resize(count);
   for (int32_t& handle : out->handles) handle = in.i32();
   return 0;
