@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// LeakGuard: descriptors from /proc/self/fd, mappings from /proc/self/maps.
+// LeakGuard: descriptors from /proc/PID/fd, mappings from /proc/PID/maps.
 #include "LeakGuard.h"
 
 #include <dirent.h>
@@ -13,17 +13,26 @@
 
 namespace vrotest {
 
-std::map<int, std::string> LeakGuard::openDescriptors() {
+namespace {
+
+std::string procPath(pid_t pid, const char* what) {
+  return (pid == 0 ? std::string("/proc/self") : "/proc/" + std::to_string(pid)) + "/" + what;
+}
+
+}  // namespace
+
+std::map<int, std::string> LeakGuard::openDescriptors(pid_t pid) {
   std::map<int, std::string> fds;
-  DIR* dir = opendir("/proc/self/fd");
+  const std::string dirPath = procPath(pid, "fd");
+  DIR* dir = opendir(dirPath.c_str());
   if (dir == nullptr) return fds;
-  const int own = dirfd(dir);
+  const int own = pid == 0 ? dirfd(dir) : -1;
   while (dirent* entry = readdir(dir)) {
     if (entry->d_name[0] == '.') continue;
     const int fd = atoi(entry->d_name);
     if (fd == own) continue;
     char target[512] = {};
-    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+    const std::string link = dirPath + "/" + entry->d_name;
     const ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
     fds[fd] = n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string("?");
   }
@@ -31,9 +40,9 @@ std::map<int, std::string> LeakGuard::openDescriptors() {
   return fds;
 }
 
-std::set<std::string> LeakGuard::memfdMappings() {
-  std::set<std::string> lines;
-  std::ifstream maps("/proc/self/maps");
+std::multiset<std::string> LeakGuard::memfdMappings(pid_t pid) {
+  std::multiset<std::string> lines;
+  std::ifstream maps(procPath(pid, "maps"));
   std::string line;
   while (std::getline(maps, line)) {
     if (line.find("/memfd:") != std::string::npos) lines.insert(line);
@@ -41,17 +50,30 @@ std::set<std::string> LeakGuard::memfdMappings() {
   return lines;
 }
 
-LeakGuard::LeakGuard() : mDescriptors(openDescriptors()), mMappings(memfdMappings()) {}
+std::multiset<std::string> LeakGuard::targets() const {
+  std::multiset<std::string> out;
+  for (const auto& fd : openDescriptors(mPid)) {
+    out.insert(fd.second.rfind("socket:", 0) == 0 ? "socket" : fd.second);
+  }
+  return out;
+}
+
+LeakGuard::LeakGuard(pid_t pid) : mPid(pid), mTargets(targets()), mMappings(memfdMappings(pid)) {}
 
 void LeakGuard::expectNoLeaks() const {
-  for (const auto& fd : openDescriptors()) {
-    auto before = mDescriptors.find(fd.first);
-    if (before == mDescriptors.end() || before->second != fd.second) {
-      ADD_FAILURE() << "descriptor left open: " << fd.first << " -> " << fd.second;
+  const std::multiset<std::string> now = targets();
+  for (auto it = now.begin(); it != now.end(); it = now.upper_bound(*it)) {
+    const size_t more = now.count(*it);
+    const size_t before = mTargets.count(*it);
+    if (more > before) {
+      ADD_FAILURE() << "descriptor left open"
+                    << (mPid != 0 ? " in pid " + std::to_string(mPid) : "") << ": " << *it << " ("
+                    << more - before << " more)";
     }
   }
-  for (const std::string& line : memfdMappings()) {
-    if (mMappings.count(line) == 0) ADD_FAILURE() << "mapping left behind: " << line;
+  const std::multiset<std::string> mappings = memfdMappings(mPid);
+  for (auto it = mappings.begin(); it != mappings.end(); it = mappings.upper_bound(*it)) {
+    if (mappings.count(*it) > mMappings.count(*it)) ADD_FAILURE() << "mapping left behind: " << *it;
   }
 }
 

@@ -1,29 +1,35 @@
 // SPDX-License-Identifier: Apache-2.0
-// LeakGuard: snapshots the open descriptors and the shared-memory mappings of this process, and
-// reports what a test left behind.
+// LeakGuard: snapshots the open descriptors and the shared-memory mappings of a process (this one
+// by default), and reports what was left behind since.
 #pragma once
+
+#include <sys/types.h>
 
 #include <map>
 #include <set>
 #include <string>
-#include <vector>
 
 namespace vrotest {
 
 class LeakGuard {
  public:
-  LeakGuard();
+  explicit LeakGuard(pid_t pid = 0);
 
-  // Fails the current test, naming every descriptor open now that was not open (to the same
-  // file) at the snapshot, and every memfd mapping that was not there.
+  // Fails the current test, naming every descriptor target open more often than at the snapshot
+  // (sockets count alike, whatever their inode: a reconnection is no leak), and every memfd
+  // mapping that was not there.
   void expectNoLeaks() const;
 
-  static std::map<int, std::string> openDescriptors();
-  static std::set<std::string> memfdMappings();
+  // Descriptor -> link target, of pid (0: this process).
+  static std::map<int, std::string> openDescriptors(pid_t pid = 0);
+  static std::multiset<std::string> memfdMappings(pid_t pid = 0);
 
  private:
-  std::map<int, std::string> mDescriptors;
-  std::set<std::string> mMappings;
+  std::multiset<std::string> targets() const;
+
+  pid_t mPid;
+  std::multiset<std::string> mTargets;
+  std::multiset<std::string> mMappings;
 };
 
 // The /proc/self/maps line of the mapping that contains addr, or "" when none does.

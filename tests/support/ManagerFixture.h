@@ -14,6 +14,7 @@
 #include "LogCapture.h"
 #include "ManagerInspector.h"
 #include "TestIPCClient.h"
+#include "TestRegion.h"
 
 namespace vrotest {
 
@@ -22,16 +23,6 @@ using NSCam::ipc::wrapper::IPCClientShmMgr;
 using NSCam::ipc::wrapper::ShmMemAlloc;
 using Inspector = NSCam::ipc::wrapper::IPCClientShmMgrInspector;
 using Id = IPCClientShmMgr::Identifier;
-
-// A shared memory made by the test itself: a memfd of size bytes mapped read-write.
-struct Region {
-  int fd = -1;
-  void* addr = nullptr;
-  unsigned int size = 0;
-};
-Region makeRegion(unsigned int size, const char* name = "test-region");
-// Unmaps and closes a region the manager did not release.
-void freeRegion(const Region& region);
 
 // printf into a string, for expected log texts.
 __attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...);
