@@ -51,6 +51,7 @@ int PeerProcess::start(const std::string& binary, const std::string& socket,
   if (mPid < 0) return -errno;
   if (mPid == 0) {
     if (log) dup2(log.get(), STDERR_FILENO);
+    close_range(STDERR_FILENO + 1, ~0u, 0);  // the peer gets stdio and nothing else of ours
     execv(argv[0], argv.data());
     _exit(127);
   }
