@@ -8,10 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "IPCClientShmMgr.h"
@@ -42,6 +46,17 @@ const std::string& linkSocket() {
     return socket;
   }();
   return path;
+}
+
+// The lines of the IPC client in what this process logged.
+std::string clientWarnings(const std::string& text) {
+  std::string lines;
+  for (size_t at = 0, end; at < text.size(); at = end + 1) {
+    end = text.find('\n', at);
+    if (end == std::string::npos) end = text.size();
+    if (text.compare(at, 15, "W/VroIPCClient(") == 0) lines += text.substr(at, end - at) + "\n";
+  }
+  return lines;
 }
 
 // Unmaps and closes the one region named name that a refused allocation left behind.
@@ -84,12 +99,18 @@ class PeerLinkTest : public ::testing::Test {
     leaks->expectNoLeaks();
   }
 
-  // (Re)starts the peer and connects to it, the connection of an earlier peer being dead.
-  void startPeer() {
+  // (Re)starts the peer; then one ping reconnects, the connection of an earlier peer being dead.
+  void startPeer(bool ping = true) {
     ASSERT_NO_FATAL_FAILURE(peer.start(flags()));
-    ASSERT_EQ(client->waitForPeer(2000), 0);
-    peerLeaks.emplace(peer.pid());
+    if (ping) {
+      ASSERT_EQ(client->waitForPeer(0), 0);
+      snapshotPeer();
+    }
   }
+
+  // What the peer holds open, taken once one of this process's calls was answered: by then the
+  // peer has dropped every connection that ended before.
+  void snapshotPeer() { peerLeaks.emplace(peer.pid()); }
 
   PeerHoldings holdings() {
     PeerHoldings held{};
@@ -200,23 +221,54 @@ TEST_F(LimitedPeerLinkTest, ThePeersRefusalsReachTheCallerUnchanged) {
   close(pipeFds[0]);
   close(pipeFds[1]);
   EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "none", -1, 4096, nullptr, out), -EBADF);
+  const int closed = dup(0);
+  close(closed);
+  EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "closed", closed, 4096, nullptr, out), -EBADF);
   std::vector<ShmMemInfo> recorded;
   EXPECT_EQ(mgr->getShmInfo(recorded, kOwner, 9), -1);
 
-  // Three memories fill the count limit; the one sealed against writing cannot be filled.
+  // The count limit holds within one message too; a size of one byte is a size.
+  std::vector<ShmMemInfo> three;
   for (int i = 0; i < 3; ++i) {
     const Region region = makeRegion(4096, "kept", kRegionSeals);
-    const int readOnly = i == 2 ? F_SEAL_FUTURE_WRITE : 0;
-    ASSERT_EQ(fcntl(region.fd, F_ADD_SEALS, readOnly), 0);
-    ASSERT_EQ(mgr->registerShmMem(kOwner, 10, "kept", region.fd, 4096, region.addr, out), 0);
+    three.emplace_back("kept", 10, i == 0 ? 1 : 4096, region.fd, region.addr, -1);
   }
+  const Region readOnly = makeRegion(4096, "read-only", kRegionSeals);
+  ASSERT_EQ(fcntl(readOnly.fd, F_ADD_SEALS, F_SEAL_FUTURE_WRITE), 0);
+  ASSERT_EQ(mgr->registerShmMem(kOwner, 11, "read-only", readOnly.fd, 4096, readOnly.addr, out), 0);
+  EXPECT_EQ(mgr->registerShmMem(kOwner, three), -ENOSPC);
+  const ShmMemInfo third = three.back();
+  three.pop_back();
+  EXPECT_EQ(mgr->registerShmMem(kOwner, three), 0);
+  EXPECT_EQ(holdings().bytes, 4096u + 1 + 4096);
+  freeRegion(Region{third.fd, third.addr, 4096});
+
+  // The memory sealed against writing can be read but not filled; command records are checked.
   PeerFill fill{out.handle, 1};
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_FILL, &fill, sizeof(fill)), -EACCES);
   PeerChecksum sum{out.handle, 0, 0};
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &sum, sizeof(sum)), 0);
-  const Region fourth = makeRegion(4096, "fourth", kRegionSeals);
-  EXPECT_EQ(mgr->registerShmMem(kOwner, 10, "fourth", fourth.fd, 4096, fourth.addr, out), -ENOSPC);
-  freeRegion(fourth);
+  PeerChecksum unknown{-5, 0xDEAD, 7};
+  EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &unknown, sizeof(unknown)), -ENOENT);
+  EXPECT_EQ(unknown.crc32, 0xDEADu);
+  struct Command {
+    int command;
+    void* data;
+    size_t length;
+    int expected;
+  };
+  const Command commands[] = {
+      {PEER_COMMAND_CHECKSUM, &sum, sizeof(sum) - 1, -EINVAL},
+      {PEER_COMMAND_CHECKSUM, nullptr, sizeof(sum), -EINVAL},
+      {PEER_COMMAND_FILL, &fill, sizeof(fill) + 1, -EINVAL},
+      {PEER_COMMAND_FILL, nullptr, sizeof(fill), -EINVAL},
+      {PEER_COMMAND_HOLDINGS, &sum, sizeof(PeerHoldings) + 1, -EINVAL},
+      {PEER_COMMAND_HOLDINGS, nullptr, sizeof(PeerHoldings), -EINVAL},
+      {99, &sum, sizeof(sum), -EOPNOTSUPP},
+  };
+  for (const Command& c : commands) {
+    EXPECT_EQ(client->sendCommand(c.command, c.data, c.length), c.expected) << c.command;
+  }
 }
 
 // When the peer dies every call fails with a negative errno while releases still unmap and
@@ -228,6 +280,7 @@ TEST_F(PeerLinkTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ASSERT_EQ(mgr->getShmInfo(info, kOwner, 1, -1), 0);
   EXPECT_EQ(peer.stop(SIGKILL), 128 + SIGKILL);
 
+  StderrCapture warnings;
   const Region own = makeRegion(4096, "own", kRegionSeals);
   ShmMemInfo out;
   EXPECT_EQ(mgr->registerShmMem(kOwner, 2, "own", own.fd, own.size, own.addr, out), -ECONNREFUSED);
@@ -239,10 +292,45 @@ TEST_F(PeerLinkTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ShmMemAlloc late{"after-death", 3, 4096};
   EXPECT_EQ(mgr->allocateShmMem(kOwner, late), -ECONNREFUSED);
   ASSERT_NO_FATAL_FAILURE(freeRefusedRegion("after-death"));
+  // One line says so, not one per call.
+  EXPECT_EQ(clientWarnings(warnings.text()), "W/VroIPCClient(" + std::to_string(getpid()) +
+                                                 "): cannot reach the peer at " + linkSocket() +
+                                                 ": Connection refused\n");
 
   ASSERT_NO_FATAL_FAILURE(startPeer());
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
+}
+
+// Whichever call comes first after the peer came back reconnects by itself, and waitForPeer
+// waits for a peer that is still starting.
+TEST_F(PeerLinkTest, EveryCallReconnectsToAPeerThatCameBack) {
+  const Region own = makeRegion(4096, "again", kRegionSeals);
+  ShmMemInfo out;
+  PeerHoldings held{};
+  const std::function<int()> firstCalls[] = {
+      [&] { return client->waitForPeer(0); },
+      [&] { return client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)); },
+      [&] { return mgr->registerShmMem(kOwner, 1, "again", own.fd, own.size, own.addr, out); },
+      // The new peer does not know what the old one held.
+      [&] { return mgr->releaseShmMem(kOwner, 1, false, -1) == -ENOENT ? 0 : -1; },
+  };
+  for (size_t i = 0; i < std::size(firstCalls); ++i) {
+    EXPECT_EQ(peer.stop(), 0);
+    ASSERT_NO_FATAL_FAILURE(startPeer(false));
+    EXPECT_EQ(firstCalls[i](), 0) << "call " << i;
+    snapshotPeer();
+  }
+  freeRegion(own);
+
+  EXPECT_EQ(peer.stop(), 0);
+  std::thread starter([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    startPeer(false);
+  });
+  EXPECT_EQ(client->waitForPeer(10000), 0);
+  starter.join();
+  snapshotPeer();
 }
 
 // A client that dies loses everything it registered in the peer at once, and the peer goes on
@@ -267,11 +355,12 @@ TEST_F(PeerLinkTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
   EXPECT_EQ(read(ready[0], &result, 1), 1);
   close(ready[0]);
   EXPECT_EQ(result, 'y');
+  const std::string who =
+      "client pid " + std::to_string(child) + " uid " + std::to_string(getuid());
+  EXPECT_TRUE(peer.logShows(who + " connected\n"));
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
-  EXPECT_TRUE(peer.logShows("client pid " + std::to_string(child) + " uid " +
-                            std::to_string(getuid()) +
-                            " disconnected: released 3 memories (12288 bytes)"))
+  EXPECT_TRUE(peer.logShows(who + " disconnected: released 3 memories (12288 bytes)\n"))
       << peer.log();
 
   ShmMemAlloc alloc{"survivor", 1, 4096};

@@ -2,6 +2,7 @@
 // The peer daemon against raw and hostile clients: its socket, who may connect, malformed
 // messages, its status report, and a client's timeout against a peer that never answers.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -9,8 +10,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -57,8 +60,9 @@ class PeerProtocolTest : public ::testing::Test {
     // The probe's answer comes after the peer has dropped every connection closed before it.
     EXPECT_EQ(probe->send(message(Kind::Ping)), 0) << "the peer stopped serving its other clients";
     peerLeaks->expectNoLeaks();
-    probe.reset();
     EXPECT_EQ(peer.stop(), 0) << peer.log();
+    EXPECT_TRUE(peer.logShows("stopped: released 0 memories of 1 clients\n")) << peer.log();
+    probe.reset();
     EXPECT_NE(access(peer.socket().c_str(), F_OK), 0) << "the peer left its socket file";
     leaks.expectNoLeaks();
   }
@@ -79,6 +83,9 @@ TEST_F(PeerProtocolTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
                 .find("Address already in use"),
             std::string::npos);
   ASSERT_EQ(probe->send(message(Kind::Ping)), 0) << "the first peer no longer serves";
+  EXPECT_NE(run(std::string(VROCAM_PEER_BINARY) + " --socket /nonexistent/peer.sock 2>&1")
+                .find("cannot serve /nonexistent/peer.sock: No such file or directory"),
+            std::string::npos);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
@@ -93,7 +100,8 @@ TEST_F(PeerProtocolTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0) << "a client of uid 65534 was served";
-  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(child) + " uid 65534"));
+  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(child) +
+                            " uid 65534: neither the peer's uid nor root\n"));
 }
 
 // Every malformed or refused message gets its error, or ends its own connection; no descriptor
@@ -227,8 +235,30 @@ TEST_F(PeerProtocolTest, CallsFromSeveralThreadsGetTheirOwnAnswers) {
   EXPECT_EQ(failures, 0);
 }
 
-// A call that gets no answer fails with -ETIMEDOUT within the client's timeout instead of
-// hanging, and so does the next one.
+// A peer out of descriptors refuses a new client at once, neither leaving it waiting nor
+// spinning, and serves the clients it has.
+TEST_F(PeerProtocolTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
+  const auto highest = static_cast<rlim_t>(LeakGuard::openDescriptors(peer.pid()).rbegin()->first);
+  const rlimit low{highest + 3, highest + 3};
+  ASSERT_EQ(prlimit(peer.pid(), RLIMIT_NOFILE, &low, nullptr), 0);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  int answer = 0;
+  while (answer == 0 && clients.size() < 16) {
+    clients.push_back(std::make_unique<RawClient>(peer.socket()));
+    answer = clients.back()->send(message(Kind::Ping));
+  }
+  EXPECT_TRUE(answer == -ECONNRESET || answer == -EPIPE) << "not refused at once: " << answer;
+  EXPECT_TRUE(peer.logShows("refused a client: out of descriptors\n"));
+  clients.pop_back();
+  for (const auto& client : clients) EXPECT_EQ(client->send(message(Kind::Ping)), 0);
+  clients.erase(clients.begin());
+  EXPECT_EQ(clients[0]->send(message(Kind::Ping)), 0);
+  RawClient later(peer.socket());
+  EXPECT_EQ(later.send(message(Kind::Ping)), 0);
+}
+
+// A call that gets no answer fails with -ETIMEDOUT once VROCAM_IPC_TIMEOUT_MS passed, instead of
+// hanging, and so does the next one; each lost connection is logged.
 TEST(SocketClientTest, ACallThatGetsNoAnswerTimesOut) {
   LeakGuard leaks;
   TestPeer place;  // only for its private directory
@@ -238,12 +268,24 @@ TEST(SocketClientTest, ACallThatGetsNoAnswerTimesOut) {
   snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", place.socket().c_str());
   ASSERT_EQ(bind(silent.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
   ASSERT_EQ(listen(silent.get(), 4), 0);
+  setenv("VROCAM_IPC_SOCKET", place.socket().c_str(), 1);
+  setenv("VROCAM_IPC_TIMEOUT_MS", "100", 1);
+  SocketClient* client = SocketClient::shared();
+  ASSERT_NE(client, nullptr);
 
-  SocketClient client(place.socket(), 100);
   const Region region = makeRegion(4096, "unanswered", kRegionSeals);
-  ShmMemInfo info("unanswered", 0, 4096, region.fd, region.addr, 1);
-  EXPECT_EQ(client.registerShm(info), -ETIMEDOUT);
-  EXPECT_EQ(client.waitForPeer(0), -ETIMEDOUT);
+  {
+    StderrCapture warnings;
+    ShmMemInfo info("unanswered", 0, 4096, region.fd, region.addr, 1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client->registerShm(info), -ETIMEDOUT);
+    EXPECT_EQ(client->waitForPeer(0), -ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
+        << "the timeout of the environment was not used";
+    const std::string lost = "W/VroIPCClient(" + std::to_string(getpid()) + "): lost the peer at " +
+                             place.socket() + ": Connection timed out\n";
+    EXPECT_EQ(warnings.text(), lost + lost);
+  }
   freeRegion(region);
   silent.reset();
   leaks.expectNoLeaks();

@@ -88,7 +88,6 @@ int SocketClient::exchange(size_t size, const int* fds, size_t fdCount, bool fir
   if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount);
   if (linkDown(err) && first && !fresh) {
     // The connection ended since the last call (the peer restarted): nothing was delivered.
-    mSock.reset();
     err = connectLocked();
     if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount);
   }
