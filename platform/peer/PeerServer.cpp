@@ -161,7 +161,7 @@ void PeerServer::drop(size_t index, const char* why) {
 }
 
 const char* PeerServer::serve(Connection& connection) {
-  vrowire::Received received;
+  vrowire::Received& received = mReceived;
   const ssize_t size = vrowire::recvPacket(connection.sock.get(), mIn.get(), vrowire::kMaxMessage,
                                            &received, MSG_DONTWAIT);
   if (size == -ETIMEDOUT) return nullptr;  // nothing there after all
@@ -180,6 +180,7 @@ const char* PeerServer::serve(Connection& connection) {
   answer.seq = request.seq;
   answer.status = status;
   const size_t length = vrowire::encodeAnswer(mOut.get(), vrowire::kMaxMessage, answer);
+  received.fds.clear();  // whatever the table did not keep is closed now
   // A client that does not read its answers is not waited for.
   if (length == 0 || vrowire::sendPacket(connection.sock.get(), mOut.get(), length, nullptr, 0,
                                          MSG_DONTWAIT) != 0) {

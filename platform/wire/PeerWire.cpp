@@ -8,14 +8,6 @@
 
 namespace vrowire {
 
-void Writer::put(uint64_t value, size_t width) {
-  if (mFailed || mCap - mUsed < width) {
-    mFailed = true;
-    return;
-  }
-  for (size_t i = 0; i < width; ++i) mBuf[mUsed++] = static_cast<uint8_t>(value >> (8 * i));
-}
-
 void Writer::header(uint16_t kind, uint32_t seq) {
   mUsed = 0;
   mFailed = false;
@@ -51,16 +43,6 @@ size_t Writer::finish() {
   const uint64_t length = mUsed - kHeaderSize;
   for (size_t i = 0; i < 4; ++i) mBuf[8 + i] = static_cast<uint8_t>(length >> (8 * i));
   return mUsed;
-}
-
-uint64_t Reader::get(size_t width) {
-  if (mFailed || mSize - mUsed < width) {
-    mFailed = true;
-    return 0;
-  }
-  uint64_t value = 0;
-  for (size_t i = 0; i < width; ++i) value |= static_cast<uint64_t>(mData[mUsed++]) << (8 * i);
-  return value;
 }
 
 bool Reader::name(std::string* out) {
@@ -126,7 +108,13 @@ int decodeHandles(Reader& in, Request* out) {
 }  // namespace
 
 int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out) {
-  *out = Request();
+  // Reset field by field: the vectors keep their capacity for the next message.
+  out->flags = 0;
+  out->records.clear();
+  out->handles.clear();
+  out->handle = -1;
+  out->value = 0;
+  out->offset = 0;
   Reader in(data, size);
   uint16_t kind = 0;
   const int header = readHeader(in, size, &kind, &out->seq);

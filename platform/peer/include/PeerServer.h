@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ClientTable.h"
+#include "Packet.h"
 #include "PeerWire.h"
 #include "UniqueFd.h"
 
@@ -64,6 +65,8 @@ class PeerServer {
   std::vector<std::unique_ptr<Connection>> mConnections;
   std::unique_ptr<uint8_t[]> mIn;
   std::unique_ptr<uint8_t[]> mOut;
+  vrowire::Received mReceived;  // of the message being served, kept for its buffers' sake
+  vrowire::Request mRequest;
 };
 
 // Writes one line of the peer's log on stderr ('I', 'W' or 'E').

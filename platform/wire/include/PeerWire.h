@@ -112,7 +112,13 @@ class Writer {
   size_t size() const { return mUsed; }
 
  private:
-  void put(uint64_t value, size_t width);
+  void put(uint64_t value, size_t width) {
+    if (mFailed || mCap - mUsed < width) {
+      mFailed = true;
+      return;
+    }
+    for (size_t i = 0; i < width; ++i) mBuf[mUsed++] = static_cast<uint8_t>(value >> (8 * i));
+  }
 
   uint8_t* mBuf;
   size_t mCap;
@@ -140,7 +146,15 @@ class Reader {
   bool ok() const { return !mFailed; }
 
  private:
-  uint64_t get(size_t width);
+  uint64_t get(size_t width) {
+    if (mFailed || mSize - mUsed < width) {
+      mFailed = true;
+      return 0;
+    }
+    uint64_t value = 0;
+    for (size_t i = 0; i < width; ++i) value |= static_cast<uint64_t>(mData[mUsed++]) << (8 * i);
+    return value;
+  }
 
   const uint8_t* mData;
   size_t mSize;
