@@ -4,9 +4,9 @@
 
 #include <fcntl.h>
 
-#include "PeerCommands.h"
-
 #include <cerrno>
+
+#include "PeerCommands.h"
 
 namespace NSCam {
 namespace ipc {
@@ -64,13 +64,6 @@ int LoopbackClient::deregisterShms(std::vector<ShmMemInfo> infos) {
     if (mByHandle.erase(info.handle) == 0) result = -ENOENT;
   }
   return result;
-}
-
-std::vector<ShmMemInfo> LoopbackClient::registrations() const {
-  std::lock_guard<std::mutex> guard(mLock);
-  std::vector<ShmMemInfo> out;
-  for (const auto& entry : mByHandle) out.push_back(entry.second);
-  return out;
 }
 
 }  // namespace wrapper

@@ -28,13 +28,10 @@ class LoopbackClient : public IPCClient {
   // Forgets every known record; -ENOENT when one of them was not registered.
   int deregisterShms(std::vector<ShmMemInfo> infos) override;
 
-  // What the peer holds now, in handle order.
-  std::vector<ShmMemInfo> registrations() const;
-
  private:
   int check(const ShmMemInfo& info) const;
 
-  mutable std::mutex mLock;
+  std::mutex mLock;
   std::map<int, ShmMemInfo> mByHandle;
 };
 
