@@ -9,11 +9,14 @@
 // Failures leave things as the operations below say; in short: -1 for the manager's own failures,
 // the IPC client's value passed on unchanged for its failures, 0 for a release that finds nothing.
 //
-// Threads: one mutex serialises the operations, and the IPC client is called with it held. The
-// release forms and the direct allocateShmMem read the client and the verbosity without it, so
-// do not run them while another thread may be in getInstance() or init().
+// Threads: one mutex serialises the operations, and the IPC client is called with it held. Any
+// operation may run while other threads call getInstance() or init(): the client pointer and the
+// verbosity that init() sets are atomic, so the reads made without the lock are safe. Only the
+// array form of releaseShmMem erases from the registry without the lock: do not let it overlap
+// other operations.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -119,13 +122,16 @@ class IPCClientShmMgr {
 
   static ShmMemMapKey makeKey(const Identifier& id, unsigned int type);
   static void unmapAndClose(const std::vector<ShmMemInfo>& infos);
+  // The values init() sets; safe to read with or without the lock.
+  IPCClient* client() const { return m_pIPCClient.load(std::memory_order_relaxed); }
+  int dbgLog() const { return m_DbgLog.load(std::memory_order_relaxed); }
 
   bool m_Inited;
   std::mutex m_Lock;
   int m_NextHandle;
   std::map<ShmMemMapKey, std::map<int, ShmMemInfo>> m_ShmMemMap;
-  IPCClient* m_pIPCClient;
-  int m_DbgLog;
+  std::atomic<IPCClient*> m_pIPCClient;  // written under the lock, read with or without it
+  std::atomic<int> m_DbgLog;
 };
 
 }  // namespace wrapper

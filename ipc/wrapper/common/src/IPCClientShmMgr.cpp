@@ -14,9 +14,9 @@
 #include "GatedLog.h"
 
 // The detail lines of allocation, registration and release.
-#define MGR_LOGD(fmt, ...) GLOG_DETAIL(m_DbgLog != 0, fmt, ##__VA_ARGS__)
+#define MGR_LOGD(fmt, ...) GLOG_DETAIL(dbgLog() != 0, fmt, ##__VA_ARGS__)
 // The detail lines of lookup.
-#define MGR_LOGD_LOOKUP(fmt, ...) GLOG_DETAIL(m_DbgLog >= 2, fmt, ##__VA_ARGS__)
+#define MGR_LOGD_LOOKUP(fmt, ...) GLOG_DETAIL(dbgLog() >= 2, fmt, ##__VA_ARGS__)
 // The detail lines that only the front end gates.
 #define MGR_LOGD_ALWAYS(fmt, ...) GLOG_DETAIL(true, fmt, ##__VA_ARGS__)
 #define MGR_LOGE(fmt, ...) GLOG_ERROR(fmt, ##__VA_ARGS__)
@@ -59,12 +59,14 @@ IPCClientShmMgr* IPCClientShmMgr::getInstance() {
 
 int IPCClientShmMgr::init() {
   std::lock_guard<std::mutex> lock(m_Lock);
-  m_DbgLog = NSCam::Utils::Properties::property_get_int32("vendor.debug.ipc.log", 0);
-  MGR_LOGD_ALWAYS("[%s] m_DbgLog:%d\n", __FUNCTION__, m_DbgLog);
+  m_DbgLog.store(NSCam::Utils::Properties::property_get_int32("vendor.debug.ipc.log", 0),
+                 std::memory_order_relaxed);
+  MGR_LOGD_ALWAYS("[%s] m_DbgLog:%d\n", __FUNCTION__, dbgLog());
   if (m_Inited) return 0;
 
-  m_pIPCClient = IPCClientFactory::getInstance(static_cast<IPC_PLATFORM_TYPE>(0));
-  if (m_pIPCClient == nullptr) {
+  m_pIPCClient.store(IPCClientFactory::getInstance(static_cast<IPC_PLATFORM_TYPE>(0)),
+                     std::memory_order_relaxed);
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: Unable to get Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -123,7 +125,7 @@ int IPCClientShmMgr::allocateShmMem(Identifier id, ShmMemAlloc& alloc) {
   std::map<int, ShmMemInfo> fdMap;
   std::lock_guard<std::mutex> lock(m_Lock);
 
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -146,7 +148,7 @@ int IPCClientShmMgr::allocateShmMem(Identifier id, ShmMemAlloc& alloc) {
   info.name = alloc.name;
   info.size = alloc.size;
 
-  const int ret = m_pIPCClient->registerShm(info);
+  const int ret = client()->registerShm(info);
   if (ret != 0) {
     // The region stays mapped and open: nothing refers to it any more.
     MGR_LOGE("[%s] error: [User:%d, Sensor:%u] Unable to register shared memories, type: %d\n",
@@ -165,7 +167,7 @@ int IPCClientShmMgr::allocateShmMem(IPC_USER user, unsigned int sensorIdx, ShmMe
 int IPCClientShmMgr::allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsigned int count) {
   std::lock_guard<std::mutex> lock(m_Lock);
 
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -201,7 +203,7 @@ int IPCClientShmMgr::allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsi
         info.handle, info.name.c_str(), info.size);
     MGR_LOGD("[%s] [User:%d, Sensor:%u] calling to IPC client\n", __FUNCTION__, id.user,
              id.sensorIdx);
-    const int ret = m_pIPCClient->registerShm(info);
+    const int ret = client()->registerShm(info);
     if (ret != 0) {
       MGR_LOGE("[%s] error: [User:%d, Sensor:%u] Unable to register shared memories, name:%s\n",
                __FUNCTION__, id.user, id.sensorIdx, alloc.name.c_str());
@@ -230,7 +232,7 @@ int IPCClientShmMgr::registerShmMem(Identifier id, unsigned int type, std::strin
   out.name = name;
   out.size = size;  // out.type stays as the caller set it
 
-  const int ret = m_pIPCClient->registerShm(out);
+  const int ret = client()->registerShm(out);
   if (ret != 0) {
     MGR_LOGE(
         "[%s] error: [User:%d, Sensor:%d, UserId:%llu] Unable to register shared memories, "
@@ -264,7 +266,7 @@ int IPCClientShmMgr::registerShmMem(Identifier id, std::vector<ShmMemInfo> infos
     registered.emplace_back(info.name, info.type, info.size, info.fd, info.addr, m_NextHandle++);
   }
 
-  const int ret = m_pIPCClient->registerShms(registered);
+  const int ret = client()->registerShms(registered);
   if (ret != 0) {
     MGR_LOGE("[%s] error: [User:%d, Sensor:%d, UserId:%llu] Unable to register shared memories\n",
              __FUNCTION__, id.user, id.sensorIdx, llu(id.userId));
@@ -336,7 +338,7 @@ int IPCClientShmMgr::releaseShmMem(int size, int fd, void* addr) {
 }
 
 int IPCClientShmMgr::releaseShmMem(Identifier id, ShmMemAlloc* allocs, unsigned int count) {
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -362,7 +364,7 @@ int IPCClientShmMgr::releaseShmMem(IPC_USER user, unsigned int sensorIdx, ShmMem
 }
 
 int IPCClientShmMgr::releaseShmMem(Identifier id, unsigned int type, bool bReleaseBuf, int fd) {
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -380,7 +382,7 @@ int IPCClientShmMgr::releaseShmMem(Identifier id, unsigned int type, bool bRelea
   }
 
   std::lock_guard<std::mutex> lock(m_Lock);
-  const int ret = m_pIPCClient->deregisterShms(infos);
+  const int ret = client()->deregisterShms(infos);
   if (ret != 0) {
     MGR_LOGE("[%s] error: unable to deregister buffers from vro IPC Client\n", __FUNCTION__);
   }
@@ -400,7 +402,7 @@ int IPCClientShmMgr::releaseShmMem(IPC_USER user, unsigned int sensorIdx, unsign
 
 int IPCClientShmMgr::releaseShmMem(Identifier id, std::vector<unsigned int> types,
                                    bool bReleaseBuf) {
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -415,7 +417,7 @@ int IPCClientShmMgr::releaseShmMem(Identifier id, std::vector<unsigned int> type
   if (infos.empty()) return 0;
 
   std::lock_guard<std::mutex> lock(m_Lock);
-  const int ret = m_pIPCClient->deregisterShms(infos);
+  const int ret = client()->deregisterShms(infos);
   if (ret != 0) {
     MGR_LOGE("[%s] error: unable to deregister buffers from vro IPC Client\n", __FUNCTION__);
   }
@@ -427,7 +429,7 @@ int IPCClientShmMgr::releaseShmMem(Identifier id, std::vector<unsigned int> type
 int IPCClientShmMgr::releaseAllShmMems() {
   std::lock_guard<std::mutex> lock(m_Lock);
   MGR_LOGD_ALWAYS("[%s] Release all registered shared memories.\n", __FUNCTION__);
-  if (m_pIPCClient == nullptr) {
+  if (client() == nullptr) {
     MGR_LOGE("[%s] error: no Vro IPCClient\n", __FUNCTION__);
     return -1;
   }
@@ -436,7 +438,7 @@ int IPCClientShmMgr::releaseAllShmMems() {
   for (const auto& key : m_ShmMemMap) {
     for (const auto& record : key.second) infos.push_back(record.second);
   }
-  const int ret = m_pIPCClient->deregisterShms(infos);
+  const int ret = client()->deregisterShms(infos);
   if (ret != 0) {
     MGR_LOGE("[%s] error: unable to deregister buffers from vro IPC Client\n", __FUNCTION__);
   }
