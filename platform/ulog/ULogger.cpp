@@ -35,8 +35,16 @@ ULogger* ULogger::sULogger = &gStderrLogger;
 
 ULogger::~ULogger() = default;
 
+// In a build with UBSan's vptr check, the first call on a logger of a given type makes the
+// sanitizer probe the object's vtable through a pipe, which takes two descriptors; later calls
+// hit its cache. Make that first call as the logger is installed, not at the first line logged,
+// which may come when the process has run out of descriptors (the check would then call the
+// object invalid). A logger installed later should do the same. A null message prints nothing.
+[[maybe_unused]] static const bool gTypeChecked = (ULogger::sULogger->onLogMessage(0, "", 0, nullptr, 0), true);
+
 void ULogger::onLogMessage(uint32_t /*moduleId*/, const char* tag, int level, const char* message,
                            int /*length*/) {
+  if (message == nullptr) return;
   vrocam_host::writeLogLine(levelLetter(level), tag, message);
 }
 

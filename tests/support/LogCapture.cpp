@@ -22,6 +22,7 @@ class CapturingLogger : public ULogger {
  public:
   void onLogMessage(uint32_t moduleId, const char* tag, int level, const char* message,
                     int length) override {
+    if (message == nullptr) return;  // the type check at installation
     std::lock_guard<std::mutex> guard(gLock);
     gLogged.push_back(LoggedLine{moduleId, tag, level, message, length});
   }
@@ -60,6 +61,7 @@ LogCapture::LogCapture() {
   ULogger::sNormalDetailsMask = 0xFFFFFFFFu;
   ULogger::sMode = 0x3;
   ULogger::sULogger = &gCapturingLogger;
+  ULogger::sULogger->onLogMessage(0, "", 0, nullptr, 0);  // see the host ULogger
   static const char* const kPrefixes[CAM_DBG_LEVEL_NUM] = {"<D>", "<E>", "<W>"};
   for (int level = 0; level < CAM_DBG_LEVEL_NUM; ++level) {
     g_logInfoLv[level].flags |= kLogLevelEnabled;
