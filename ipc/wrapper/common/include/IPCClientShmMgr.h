@@ -48,7 +48,14 @@ class IPCClientShmMgr {
     uint64_t userId;
     unsigned int type;
 
-    bool operator<(const ShmMemMapKey& other) const;
+    bool operator<(const ShmMemMapKey& other) const {
+      if (static_cast<int>(user) != static_cast<int>(other.user)) {
+        return static_cast<int>(user) < static_cast<int>(other.user);
+      }
+      if (sensorIdx != other.sensorIdx) return sensorIdx < other.sensorIdx;
+      if (userId != other.userId) return userId < other.userId;
+      return type < other.type;
+    }
   };
 
   // The one instance; runs init() before every return. Never null.
@@ -122,6 +129,8 @@ class IPCClientShmMgr {
 
   static ShmMemMapKey makeKey(const Identifier& id, unsigned int type);
   static void unmapAndClose(const std::vector<ShmMemInfo>& infos);
+  // Makes info the only record of key (the lock is held).
+  void recordOnly(const ShmMemMapKey& key, ShmMemInfo&& info);
   // The values init() sets; safe to read with or without the lock.
   IPCClient* client() const { return m_pIPCClient.load(std::memory_order_relaxed); }
   int dbgLog() const { return m_DbgLog.load(std::memory_order_relaxed); }

@@ -34,15 +34,6 @@ size_t mappedLength(unsigned int size) { return static_cast<size_t>(static_cast<
 
 }  // namespace
 
-bool IPCClientShmMgr::ShmMemMapKey::operator<(const ShmMemMapKey& other) const {
-  if (static_cast<int>(user) != static_cast<int>(other.user)) {
-    return static_cast<int>(user) < static_cast<int>(other.user);
-  }
-  if (sensorIdx != other.sensorIdx) return sensorIdx < other.sensorIdx;
-  if (userId != other.userId) return userId < other.userId;
-  return type < other.type;
-}
-
 IPCClientShmMgr::IPCClientShmMgr()
     : m_Inited(false), m_NextHandle(1), m_pIPCClient(nullptr), m_DbgLog(0) {}
 
@@ -76,6 +67,13 @@ int IPCClientShmMgr::init() {
 
 IPCClientShmMgr::ShmMemMapKey IPCClientShmMgr::makeKey(const Identifier& id, unsigned int type) {
   return ShmMemMapKey{id.user, id.sensorIdx, id.userId, type};
+}
+
+void IPCClientShmMgr::recordOnly(const ShmMemMapKey& key, ShmMemInfo&& info) {
+  std::map<int, ShmMemInfo>& records = m_ShmMemMap[key];
+  records.clear();  // whatever the key held is forgotten, not released
+  const int fd = info.fd;
+  records.emplace(fd, std::move(info));
 }
 
 void IPCClientShmMgr::unmapAndClose(const std::vector<ShmMemInfo>& infos) {
@@ -122,7 +120,6 @@ int IPCClientShmMgr::allocateShmMem(unsigned int sensorIdx, const std::string& n
 
 int IPCClientShmMgr::allocateShmMem(Identifier id, ShmMemAlloc& alloc) {
   ShmMemInfo info;
-  std::map<int, ShmMemInfo> fdMap;
   std::lock_guard<std::mutex> lock(m_Lock);
 
   if (client() == nullptr) {
@@ -155,8 +152,7 @@ int IPCClientShmMgr::allocateShmMem(Identifier id, ShmMemAlloc& alloc) {
              __FUNCTION__, id.user, id.sensorIdx, alloc.type);
     return ret;
   }
-  fdMap[info.fd] = info;
-  m_ShmMemMap[makeKey(id, alloc.type)] = fdMap;  // replaces whatever the key held
+  recordOnly(makeKey(id, alloc.type), std::move(info));
   return 0;
 }
 
@@ -177,7 +173,6 @@ int IPCClientShmMgr::allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsi
   for (unsigned int i = 0; i < count; ++i) {
     const ShmMemAlloc& alloc = allocs[i];
     ShmMemInfo info;
-    std::map<int, ShmMemInfo> fdMap;
 
     int fd = -1;
     void* addr = nullptr;
@@ -209,8 +204,7 @@ int IPCClientShmMgr::allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsi
                __FUNCTION__, id.user, id.sensorIdx, alloc.name.c_str());
       return ret;
     }
-    fdMap[info.fd] = info;
-    m_ShmMemMap[makeKey(id, alloc.type)] = fdMap;
+    recordOnly(makeKey(id, alloc.type), std::move(info));
   }
   return 0;
 }
@@ -299,6 +293,7 @@ int IPCClientShmMgr::getShmInfo(std::vector<ShmMemInfo>& infos, Identifier id, u
   MGR_LOGD_LOOKUP("[%s] [User:%d, Sensor:%d, UserId:%llu] shmType:%d, size:%zu\n", __FUNCTION__,
                   id.user, id.sensorIdx, llu(id.userId), type, entry->second.size());
   infos.clear();
+  infos.reserve(entry->second.size());
   for (const auto& record : entry->second) infos.push_back(record.second);
   return 0;
 }
@@ -434,7 +429,10 @@ int IPCClientShmMgr::releaseAllShmMems() {
     return -1;
   }
 
+  size_t count = 0;
+  for (const auto& key : m_ShmMemMap) count += key.second.size();
   std::vector<ShmMemInfo> infos;
+  infos.reserve(count);
   for (const auto& key : m_ShmMemMap) {
     for (const auto& record : key.second) infos.push_back(record.second);
   }
