@@ -4,10 +4,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "LeakGuard.h"
 
@@ -55,5 +59,57 @@ TEST(AshmemHostTest, ValidOnlyForOwnRegionsAndBadRequestsFailCleanly) {
     const int fd = ashmem_create_region(name.c_str(), size);
     EXPECT_TRUE(fd >= 0 ? ashmem_valid(fd) == 1 && close(fd) == 0 : fd == -1 && errno != 0) << size;
   }
+  leaks.expectNoLeaks();
+}
+
+// The rest of libcutils' API: sizes, protection as reported and as a mapping enforces it,
+// pinning, a null name, memory shared with a child that writes several regions, and descriptors
+// that do not survive exec.
+TEST(AshmemHostTest, WholeApiOnSharedRegions) {
+  vrotest::LeakGuard leaks;
+  std::vector<int> fds;
+  for (const size_t size : {size_t{1}, size_t{4096}, size_t{12345}, size_t{1} << 20}) {
+    fds.push_back(ashmem_create_region(nullptr, size));
+    EXPECT_EQ(ashmem_get_size_region(fds.back()), static_cast<int>(size));
+    EXPECT_EQ(vrotest::LeakGuard::openDescriptors()[fds.back()].rfind("/memfd:none", 0), 0u);
+  }
+  const int fd = fds[1];
+  EXPECT_EQ(ashmem_pin_region(fd, 0, 0), ASHMEM_NOT_PURGED);
+  EXPECT_EQ(ashmem_unpin_region(fd, 0, 4096), ASHMEM_IS_UNPINNED);
+  for (const auto call :
+       {+[] { return ashmem_pin_region(-1, 0, 0); }, +[] { return ashmem_unpin_region(-1, 0, 0); },
+        +[] { return ashmem_get_size_region(-1); }, +[] { return ashmem_get_prot_region(-1); }}) {
+    errno = 0;
+    EXPECT_TRUE(call() == -1 && errno == EBADF);
+  }
+
+  std::vector<char*> maps;
+  for (const int region : fds) {
+    maps.push_back(static_cast<char*>(mmap(nullptr, 1, PROT_READ, MAP_SHARED, region, 0)));
+  }
+  const pid_t child = fork();
+  if (child == 0) {  // writes every region through mappings of its own
+    for (const int region : fds) {
+      void* addr = mmap(nullptr, 1, PROT_READ | PROT_WRITE, MAP_SHARED, region, 0);
+      if (addr == MAP_FAILED) _exit(1);
+      *static_cast<char*>(addr) = static_cast<char>('a' + region % 26);
+    }
+    _exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  for (size_t i = 0; i < fds.size(); ++i) EXPECT_EQ(*maps[i], 'a' + fds[i] % 26) << i;
+
+  EXPECT_EQ(ashmem_get_prot_region(fd), PROT_READ | PROT_WRITE | PROT_EXEC);
+  EXPECT_EQ(ashmem_set_prot_region(fd, PROT_READ), 0);
+  EXPECT_EQ(ashmem_get_prot_region(fd), PROT_READ);
+  errno = 0;
+  EXPECT_EQ(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0), MAP_FAILED);
+  EXPECT_EQ(errno, EPERM);
+
+  const std::string script = "test ! -e /proc/self/fd/" + std::to_string(fd);
+  EXPECT_EQ(system(script.c_str()), 0) << "a region's descriptor survived exec";
+  for (size_t i = 0; i < fds.size(); ++i) EXPECT_EQ(munmap(maps[i], 1) | close(fds[i]), 0);
   leaks.expectNoLeaks();
 }

@@ -5,7 +5,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <climits>
 
 namespace {
 
@@ -26,7 +29,7 @@ bool isRegion(int seals) {
 }  // namespace
 
 extern "C" int ashmem_create_region(const char* name, size_t size) {
-  const int fd = memfd_create(name, MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  const int fd = memfd_create(name != nullptr ? name : "none", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   if (fd < 0) return -1;
   const off_t length = static_cast<off_t>(size);
   if (length < 0 || ftruncate(fd, length) != 0 || fcntl(fd, F_ADD_SEALS, kRegionSeals) != 0) {
@@ -54,6 +57,32 @@ extern "C" int ashmem_set_prot_region(int fd, int prot) {
     return 0;
   }
   return fcntl(fd, F_ADD_SEALS, kReadOnlySeal) == 0 ? 0 : -1;
+}
+
+extern "C" int ashmem_get_prot_region(int fd) {
+  const int seals = regionSeals(fd);
+  if (seals < 0) return -1;
+  return (seals & (F_SEAL_WRITE | kReadOnlySeal)) != 0 ? PROT_READ
+                                                       : PROT_READ | PROT_WRITE | PROT_EXEC;
+}
+
+// Regions are never purged, so pinning has nothing to do; a bad descriptor is still an error.
+extern "C" int ashmem_pin_region(int fd, size_t /*offset*/, size_t /*len*/) {
+  return fcntl(fd, F_GETFD) < 0 ? -1 : ASHMEM_NOT_PURGED;
+}
+
+extern "C" int ashmem_unpin_region(int fd, size_t /*offset*/, size_t /*len*/) {
+  return fcntl(fd, F_GETFD) < 0 ? -1 : ASHMEM_IS_UNPINNED;
+}
+
+extern "C" int ashmem_get_size_region(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -1;
+  if (st.st_size > INT_MAX) {
+    errno = EOVERFLOW;
+    return -1;
+  }
+  return static_cast<int>(st.st_size);
 }
 
 extern "C" int ashmem_valid(int fd) {
