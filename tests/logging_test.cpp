@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -149,6 +151,44 @@ TEST(GatedLogTest, LongLines) {
   eachKind();  // the unified logger alone does not mind
   ULogger::sMode = 1;
   EXPECT_DEATH(eachKind(), "");
+}
+
+}  // namespace
+
+namespace {
+
+// What the host's stderr logger writes for message, without the "W/Tag(pid): " head.
+std::string hostLine(const char* message) {
+  const int capture = memfd_create("stderr", MFD_CLOEXEC);
+  const int saved = dup(STDERR_FILENO);
+  dup2(capture, STDERR_FILENO);
+  ULogger().onLogMessage(0, "Tag", 2, message, 0);
+  dup2(saved, STDERR_FILENO);
+  char text[2048] = {};
+  const ssize_t size = pread(capture, text, sizeof(text) - 1, 0);
+  close(saved);
+  close(capture);
+  const std::string line(text, size > 0 ? static_cast<size_t>(size) : 0);
+  const std::string head = "W/Tag(" + std::to_string(getpid()) + "): ";
+  return line.compare(0, head.size(), head) == 0 ? line.substr(head.size()) : "bad head: " + line;
+}
+
+// The host back end writes each message as one line: its trailing line breaks end it, every
+// other control character shows as an escape, and a long message is cut, never inside an escape.
+TEST(HostLogLineTest, ControlCharactersShowAsEscapes) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"[init] m_DbgLog:0\n", "[init] m_DbgLog:0\n"},
+      {"plain", "plain\n"},
+      {"name:\x1b[2Jx\tend\r\n\n", "name:\\x1b[2Jx\\tend\n"},
+      {"a\nE/Forged(1): b\n", "a\\nE/Forged(1): b\n"},
+      {"\x01\x7f\\ \xc3\xa9", "\\x01\\x7f\\ \xc3\xa9\n"},
+      {"", "\n"},
+  };
+  for (const auto& [message, expected] : cases) EXPECT_EQ(hostLine(message.c_str()), expected);
+  const std::string longLine = hostLine(std::string(1500, '\x01').c_str());
+  EXPECT_EQ(longLine.size() % 4, 1u);
+  EXPECT_LT(longLine.size(), 1200u);
+  EXPECT_EQ(longLine.back(), '\n');
 }
 
 }  // namespace

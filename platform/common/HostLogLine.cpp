@@ -16,10 +16,27 @@ void writeLogLine(char levelLetter, const char* tag, const char* text) {
                    static_cast<int>(getpid()));
   if (n < 0) return;
   size_t used = static_cast<size_t>(n) < sizeof(line) ? static_cast<size_t>(n) : sizeof(line) - 1;
-  for (const char* p = text; p != nullptr && *p != '\0' && used < sizeof(line) - 1; ++p) {
-    line[used++] = (*p == '\n' || *p == '\r') ? ' ' : *p;
+  // The line breaks that end a message end the line; every other control character is shown as
+  // an escape, so that a message (a name from another process, say) cannot break or forge lines.
+  size_t length = text != nullptr ? strlen(text) : 0;
+  while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) --length;
+  for (size_t i = 0; i < length; ++i) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    char escape[5];
+    size_t size = 1;
+    escape[0] = static_cast<char>(c);
+    if (c == '\n' || c == '\r' || c == '\t') {
+      escape[0] = '\\';
+      escape[1] = c == '\n' ? 'n' : c == '\r' ? 'r' : 't';
+      size = 2;
+    } else if (c < 0x20 || c == 0x7F) {
+      snprintf(escape, sizeof(escape), "\\x%02x", c);
+      size = 4;
+    }
+    if (sizeof(line) - 1 - used < size) break;  // a long line is cut, never an escape in it
+    memcpy(line + used, escape, size);
+    used += size;
   }
-  while (used > 0 && line[used - 1] == ' ') --used;
   line[used++] = '\n';
   ssize_t ignored = write(STDERR_FILENO, line, used);
   (void)ignored;

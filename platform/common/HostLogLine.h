@@ -7,7 +7,8 @@
 namespace vrocam_host {
 
 // Writes one line with a single write, so that lines of several threads never interleave.
-// Line breaks inside text become spaces; a trailing one is dropped.
+// Trailing line breaks end the line; every other control character of text is written as an
+// escape (\n, \r, \t, \xHH), so that each call writes exactly one line.
 void writeLogLine(char levelLetter, const char* tag, const char* text);
 
 // The unsigned value of the environment variable name (decimal or 0x hex), or fallback.
