@@ -2,6 +2,8 @@
 // SharedMemory: creation of an anonymous, readable and writable shared-memory region.
 #pragma once
 
+#include "VrocamExport.h"
+
 #include <cstddef>
 #include <string>
 
@@ -16,7 +18,7 @@ class SharedMemory {
   SharedMemory() = delete;
   // A wrapper that owns the new region's descriptor, or holds -1 when any step failed; a failure
   // leaves no descriptor of the attempt open and is logged.
-  static FileDescriptor allocate(const std::string& name, size_t size);
+  VROCAM_API static FileDescriptor allocate(const std::string& name, size_t size);
 };
 
 }  // namespace sys

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "IPCShmTypes.h"
+#include "VrocamExport.h"
 
 namespace NSCam {
 namespace ipc {
@@ -59,65 +60,65 @@ class IPCClientShmMgr {
   };
 
   // The one instance; runs init() before every return. Never null.
-  static IPCClientShmMgr* getInstance();
+  VROCAM_API static IPCClientShmMgr* getInstance();
 
   // Re-reads "vendor.debug.ipc.log" and, until it has one, asks the factory for the IPC client.
   // 0 when a client is held, -1 when the factory gave none.
-  int init();
+  VROCAM_API int init();
 
   // Creates, duplicates and maps one region (write protection, shared). On success *fd and *addr
   // belong to the caller; on failure they hold -1 and null and nothing of the attempt stays open.
-  int allocateShmMem(unsigned int sensorIdx, const std::string& name, int size, int* fd,
+  VROCAM_API int allocateShmMem(unsigned int sensorIdx, const std::string& name, int size, int* fd,
                      void** addr);
 
   // Allocates, registers and records one memory; it replaces whatever the key held before. When
   // the IPC client refuses it, its value is returned and the region stays mapped and open.
-  int allocateShmMem(Identifier id, ShmMemAlloc& alloc);
-  int allocateShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc& alloc);
+  VROCAM_API int allocateShmMem(Identifier id, ShmMemAlloc& alloc);
+  VROCAM_API int allocateShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc& alloc);
 
   // As above for count requests, in order; stops at the first failure and keeps earlier ones.
-  int allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsigned int count);
-  int allocateAllShmMems(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
+  VROCAM_API int allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsigned int count);
+  VROCAM_API int allocateAllShmMems(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
                          unsigned int count);
 
   // Registers memory the caller holds; out is filled (its type is left as the caller set it) and
   // stored under {id, type}. Needs a successful init(): the IPC client is not checked here.
-  int registerShmMem(Identifier id, unsigned int type, std::string name, int fd, unsigned int size,
+  VROCAM_API int registerShmMem(Identifier id, unsigned int type, std::string name, int fd, unsigned int size,
                      void* addr, ShmMemInfo& out);
-  int registerShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type, std::string name,
+  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type, std::string name,
                      int fd, unsigned int size, void* addr, ShmMemInfo& out);
   // Registers every element in one call with fresh handles; the caller's vector is not written.
-  int registerShmMem(Identifier id, std::vector<ShmMemInfo> infos);
-  int registerShmMem(IPC_USER user, unsigned int sensorIdx, std::vector<ShmMemInfo> infos);
+  VROCAM_API int registerShmMem(Identifier id, std::vector<ShmMemInfo> infos);
+  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx, std::vector<ShmMemInfo> infos);
 
   // Copies every record of {id, type} into infos in ascending descriptor order; -1 and infos
   // untouched when there is none.
-  int getShmInfo(std::vector<ShmMemInfo>& infos, Identifier id, unsigned int type);
+  VROCAM_API int getShmInfo(std::vector<ShmMemInfo>& infos, Identifier id, unsigned int type);
   // Copies the record of descriptor fd (-1: the smallest descriptor); -1 and out untouched when
   // there is none.
-  int getShmInfo(ShmMemInfo& out, Identifier id, unsigned int type, int fd);
-  int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type, int fd);
+  VROCAM_API int getShmInfo(ShmMemInfo& out, Identifier id, unsigned int type, int fd);
+  VROCAM_API int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type, int fd);
 
   // Unmaps size bytes at addr and closes fd. Touches neither the registry nor the IPC client.
-  [[nodiscard]] int releaseShmMem(int size, int fd, void* addr);
+  [[nodiscard]] VROCAM_API int releaseShmMem(int size, int fd, void* addr);
   // Releases every type of the array (descriptor -1) and erases each type's key. Not atomic with
   // other operations: the erase after each element runs without the lock.
-  [[nodiscard]] int releaseShmMem(Identifier id, ShmMemAlloc* allocs, unsigned int count);
-  [[nodiscard]] int releaseShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
+  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, ShmMemAlloc* allocs, unsigned int count);
+  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
                                   unsigned int count);
   // Deregisters, then (bReleaseBuf) unmaps and closes, then forgets every memory of {id, type}
   // (fd -1) or the one with descriptor fd (looked up under user id 0). With bReleaseBuf false
   // the caller keeps the mapping and the descriptor.
-  [[nodiscard]] int releaseShmMem(Identifier id, unsigned int type, bool bReleaseBuf = true,
+  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, unsigned int type, bool bReleaseBuf = true,
                                   int fd = -1);
-  [[nodiscard]] int releaseShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type,
+  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type,
                                   bool bReleaseBuf = true, int fd = -1);
   // As above for several types in one deregistration; every listed key is erased.
-  [[nodiscard]] int releaseShmMem(Identifier id, std::vector<unsigned int> types,
+  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, std::vector<unsigned int> types,
                                   bool bReleaseBuf = true);
 
   // Deregisters, unmaps, closes and forgets everything; the handle counter keeps counting.
-  [[nodiscard]] int releaseAllShmMems();
+  [[nodiscard]] VROCAM_API int releaseAllShmMems();
 
  private:
   friend struct IPCClientShmMgrInspector;
