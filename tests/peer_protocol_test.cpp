@@ -79,11 +79,11 @@ TEST_F(PeerProtocolTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   struct stat st {};
   ASSERT_EQ(stat(peer.socket().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode, S_IFSOCK | 0600);
-  EXPECT_NE(run(std::string(VROCAM_PEER_BINARY) + " --socket " + peer.socket() + " 2>&1")
+  EXPECT_NE(run(peerCommandLine() + " --socket " + peer.socket() + " 2>&1")
                 .find("Address already in use"),
             std::string::npos);
   ASSERT_EQ(probe->send(message(Kind::Ping)), 0) << "the first peer no longer serves";
-  EXPECT_NE(run(std::string(VROCAM_PEER_BINARY) + " --socket /nonexistent/peer.sock 2>&1")
+  EXPECT_NE(run(peerCommandLine() + " --socket /nonexistent/peer.sock 2>&1")
                 .find("cannot serve /nonexistent/peer.sock: No such file or directory"),
             std::string::npos);
 
@@ -197,8 +197,7 @@ TEST_F(PeerProtocolTest, StatusListsEachClientsMemoriesWithNamesEscaped) {
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
   beforeStaging.expectNoLeaks();
 
-  const std::string status =
-      run(std::string(VROCAM_PEER_BINARY) + " --status --socket " + peer.socket());
+  const std::string status = run(peerCommandLine() + " --status --socket " + peer.socket());
   const std::string me =
       "client pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid());
   EXPECT_NE(status.find(me + ": 2 memories, 12288 bytes\n"), std::string::npos) << status;

@@ -32,7 +32,7 @@ bool DemoPeer::start(const std::string& binary) {
   }
   mDir = dir;
   const std::string socket = mDir + "/peer.sock";
-  const int err = mProcess.start(binary, socket);
+  const int err = mProcess.start({binary}, socket);
   if (err != 0) {
     fprintf(stderr, "cannot start the peer %s: %s\n", binary.c_str(), strerror(-err));
     return false;

@@ -32,11 +32,13 @@ bool answers(const std::string& socket) {
 
 PeerProcess::~PeerProcess() { stop(SIGKILL); }
 
-int PeerProcess::start(const std::string& binary, const std::string& socket,
+int PeerProcess::start(const std::vector<std::string>& command, const std::string& socket,
                        const std::vector<std::string>& extra, const std::string& logPath,
                        int timeoutMs) {
   if (mPid > 0) return -EBUSY;
-  std::vector<std::string> args{binary, "--socket", socket};
+  if (command.empty()) return -EINVAL;
+  std::vector<std::string> args = command;
+  args.insert(args.end(), {"--socket", socket});
   args.insert(args.end(), extra.begin(), extra.end());
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);
@@ -52,7 +54,7 @@ int PeerProcess::start(const std::string& binary, const std::string& socket,
   if (mPid == 0) {
     if (log) dup2(log.get(), STDERR_FILENO);
     close_range(STDERR_FILENO + 1, ~0u, 0);  // the peer gets stdio and nothing else of ours
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);

@@ -6,12 +6,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 namespace vrotest {
 namespace {
 constexpr char kFreshVariable[] = "VROTEST_FRESH_TEST";
+}
+
+std::vector<std::string> emulatorCommand() {
+  std::vector<std::string> command;
+  std::istringstream words(VROCAM_TEST_EMULATOR);
+  for (std::string word; words >> word;) command.push_back(word);
+  return command;
 }
 
 bool InFreshProcess() {
@@ -20,12 +29,18 @@ bool InFreshProcess() {
   const char* fresh = getenv(kFreshVariable);
   if (fresh != nullptr && name == fresh) return true;
 
-  const std::string filter = "--gtest_filter=" + name;
+  // Under an emulator /proc/self/exe names the emulated program, which only the emulator runs.
+  char self[PATH_MAX] = {};
+  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) ADD_FAILURE() << "no /proc/self/exe";
+  std::vector<std::string> args = emulatorCommand();
+  args.insert(args.end(), {self, "--gtest_filter=" + name, "--gtest_brief=1"});
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
   const pid_t child = fork();
   if (child == 0) {
     setenv(kFreshVariable, name.c_str(), 1);
-    execl("/proc/self/exe", "fresh-test", filter.c_str(), "--gtest_brief=1",
-          static_cast<char*>(nullptr));
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   int status = 0;

@@ -2,6 +2,8 @@
 // The peer daemon as tests see it.
 #include "PeerHarness.h"
 
+#include "FreshProcess.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -24,6 +26,18 @@ TestPeer::TestPeer(std::string socket) : mSocket(std::move(socket)) {
   mLog = mDir + "/peer.log";
 }
 
+std::vector<std::string> peerCommand() {
+  std::vector<std::string> command = emulatorCommand();
+  command.push_back(VROCAM_PEER_BINARY);
+  return command;
+}
+
+std::string peerCommandLine() {
+  std::string line;
+  for (const std::string& word : peerCommand()) line += (line.empty() ? "" : " ") + word;
+  return line;
+}
+
 TestPeer::~TestPeer() {
   mProcess.stop(SIGKILL);
   unlink(mLog.c_str());
@@ -32,7 +46,7 @@ TestPeer::~TestPeer() {
 }
 
 void TestPeer::start(const std::vector<std::string>& extra) {
-  ASSERT_EQ(mProcess.start(VROCAM_PEER_BINARY, mSocket, extra, mLog), 0) << log();
+  ASSERT_EQ(mProcess.start(peerCommand(), mSocket, extra, mLog), 0) << log();
 }
 
 int TestPeer::stop(int signal) {

@@ -16,6 +16,11 @@
 
 namespace vrotest {
 
+// The peer daemon's command, behind the emulator of a cross build: a vector for exec, or one
+// line for a shell.
+std::vector<std::string> peerCommand();
+std::string peerCommandLine();
+
 class TestPeer {
  public:
   // Serves socket, or a socket in a new private directory when socket is empty.
