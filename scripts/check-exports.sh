@@ -12,8 +12,10 @@ update=0
 lib="${1:?usage: scripts/check-exports.sh [--update] BUILD_DIR}/libvrocam_ipc_wrapper_common_client.so"
 expected="$root/abi/exports.txt"
 
-# Defined dynamic symbols; readelf reads the ELF of any target.
-actual=$(readelf -W --dyn-syms "$lib" | awk '$7 != "UND" && $5 != "LOCAL" && $1 ~ /^[0-9]+:$/ { print $8 }' |
+# Defined dynamic symbols, but the bounds some linkers add (__bss_start, _edata, _end); readelf
+# reads the ELF of any target.
+actual=$(readelf -W --dyn-syms "$lib" |
+  awk '$7 != "UND" && $5 != "LOCAL" && $1 ~ /^[0-9]+:$/ && $8 !~ /^(__bss_start|_edata|_end)$/ { print $8 }' |
   sed 's/@.*//' | c++filt | sed -e 's/std::__cxx11::/std::/g' -e 's/std::__1::/std::/g' | LC_ALL=C sort)
 if [ "$update" = 1 ]; then
   printf '%s\n' "$actual" > "$expected"

@@ -6,9 +6,12 @@ set -euo pipefail
 
 VROCAM_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
 
+# Installs the given packages (default: VROCAM_PACKAGES) that are missing.
 vrocam_install_packages() {
   local missing=()
-  for pkg in "${VROCAM_PACKAGES[@]}"; do
+  local wanted=("$@")
+  [ ${#wanted[@]} -eq 0 ] && wanted=("${VROCAM_PACKAGES[@]}")
+  for pkg in "${wanted[@]}"; do
     dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q "install ok installed" ||
       missing+=("$pkg")
   done

@@ -3,18 +3,36 @@
 # Builds and runs the whole test suite with ctest, doing all set-up on a fresh Debian machine.
 #   scripts/test.sh                          plain build in build/
 #   scripts/test.sh --sanitize address,undefined   (or thread) in build-<sanitizer>/
+#   scripts/test.sh --preset NAME            a configuration of CMakePresets.json, in build-NAME/
+#                                            (aarch64-qemu, clang-libcxx, release, ...)
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
 
 sanitize=""
+preset=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --sanitize) sanitize=$2; shift 2 ;;
     --sanitize=*) sanitize=${1#*=}; shift ;;
-    -h|--help) sed -n '3,5p' "$0"; exit 0 ;;
+    --preset) preset=$2; shift 2 ;;
+    --preset=*) preset=${1#*=}; shift ;;
+    -h|--help) sed -n '3,7p' "$0"; exit 0 ;;
     *) echo "unknown option: $1" >&2; exit 2 ;;
   esac
 done
+
+if [ -n "$preset" ]; then
+  case "$preset" in
+    aarch64-qemu) extra=(g++-aarch64-linux-gnu qemu-user googletest) ;;
+    clang-libcxx) extra=(clang-14 libc++-14-dev libc++abi-14-dev googletest) ;;
+    *) extra=() ;;
+  esac
+  vrocam_install_packages "${VROCAM_PACKAGES[@]}" "${extra[@]}"
+  cd "$VROCAM_ROOT"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  exec ctest --preset "$preset"
+fi
 
 build_dir="$VROCAM_ROOT/build"
 [ -n "$sanitize" ] && build_dir="$VROCAM_ROOT/build-${sanitize//,/-}"
