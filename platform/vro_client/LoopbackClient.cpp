@@ -5,6 +5,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <unordered_set>
 
 #include "PeerCommands.h"
 
@@ -33,14 +34,14 @@ int LoopbackClient::registerShm(ShmMemInfo& info) {
 
 int LoopbackClient::registerShms(std::vector<ShmMemInfo>& infos) {
   std::lock_guard<std::mutex> guard(mLock);
-  std::map<int, ShmMemInfo> added;
+  std::unordered_set<int> handles;
+  handles.reserve(infos.size());
   for (const ShmMemInfo& info : infos) {
     int err = check(info);
-    if (err == 0 && added.count(info.handle) != 0) err = -EEXIST;
-    if (err != 0) return err;
-    added[info.handle] = info;
+    if (err == 0 && !handles.insert(info.handle).second) err = -EEXIST;
+    if (err != 0) return err;  // nothing of the batch is kept
   }
-  mByHandle.insert(added.begin(), added.end());
+  for (const ShmMemInfo& info : infos) mByHandle.emplace(info.handle, info);
   return 0;
 }
 

@@ -3,8 +3,8 @@
 // keeps a table of registrations by handle, as the peer process would.
 #pragma once
 
-#include <map>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "IPCClient.h"
@@ -32,7 +32,7 @@ class LoopbackClient : public IPCClient {
   int check(const ShmMemInfo& info) const;
 
   std::mutex mLock;
-  std::map<int, ShmMemInfo> mByHandle;
+  std::unordered_map<int, ShmMemInfo> mByHandle;
 };
 
 }  // namespace wrapper
