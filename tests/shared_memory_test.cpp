@@ -37,7 +37,8 @@ TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
     vrotest::FaultScope scope;
     scope.fail(fn, 1, result, err);
     if (closeFails) scope.fail(Fn::Close, 1, -1, EIO);
-    EXPECT_EQ(SharedMemory::allocate("vrocam-fail", 4096).get(), -1);
+    const auto failed = SharedMemory::allocate("vrocam-fail", 4096);
+    EXPECT_EQ(std::make_pair(failed.get(), failed.flags()), std::make_pair(-1, 0ul));
     const int fd = scope.creates().at(0).result;
     EXPECT_EQ(scope.closedFds(), fn == Fn::AshmemCreate ? std::vector<int>{} : std::vector{fd});
     EXPECT_EQ(scope.count(Fn::AshmemSetProt), fn == Fn::AshmemCreate ? 0 : 1);
@@ -83,6 +84,7 @@ TEST(SharedMemoryTest, SuccessOwnsTheCreatedRegionWhichIsShared) {
       const auto made = scope.creates().at(0);
       EXPECT_TRUE(made.name == name && made.size == size && made.result == fd.get()) << name;
       EXPECT_GE(fd.get(), 0);
+      EXPECT_EQ(fd.flags(), 0u);
       EXPECT_TRUE(scope.closedFds().empty() && log.logged().empty() && log.printed().empty());
       auto* a = static_cast<char*>(mmap(nullptr, size, PROT_WRITE, MAP_SHARED, fd.get(), 0));
       auto* b = static_cast<char*>(mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0));

@@ -32,6 +32,8 @@ FileDescriptor::~FileDescriptor() {
 
 int FileDescriptor::get() const { return mFd; }
 
+unsigned long FileDescriptor::flags() const { return mFlags; }
+
 int FileDescriptor::dup() const {
   if (mFd < 0) return -1;
   return ::fcntl(mFd, F_DUPFD_CLOEXEC, 0);

@@ -21,6 +21,10 @@ class FileDescriptor {
   int get() const;
   // A new close-on-exec descriptor for the same open file, or negative; the held one is untouched.
   int dup() const;
+#ifndef __ANDROID__
+  // Host stand-in only, for tests: the second argument the constructor was given.
+  unsigned long flags() const;
+#endif
 
  private:
   int mFd;
