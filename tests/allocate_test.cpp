@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -71,6 +72,28 @@ TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
   EXPECT_THAT(mappingOf(addr), HasSubstr(" -w-s "));
   EXPECT_THAT(mappingOf(addr), HasSubstr("/memfd:cut "));
   EXPECT_EQ(mgr->releaseShmMem(8192, fd, addr), 0);
+}
+
+// Descriptor 0 is a descriptor like any other, whether the region or its duplicate gets it.
+TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
+  const int savedStdin = fcntl(0, F_DUPFD_CLOEXEC, 3);
+  for (const Fn zeroFrom : {Fn::AshmemCreate, Fn::Dup}) {
+    close(0);
+    FaultScope faults;
+    if (zeroFrom == Fn::Dup) {
+      EXPECT_EQ(memfd_create("zero-dup", MFD_CLOEXEC), 0);  // stands in for the duplicate
+      EXPECT_EQ(ftruncate(0, 4096), 0);
+      faults.fail(Fn::Dup, 1, 0, 0);
+    }
+    int fd = -5;
+    void* addr = nullptr;
+    EXPECT_EQ(mgr->allocateShmMem(3, "zero", 4096, &fd, &addr), 0);
+    EXPECT_EQ(faults.creates().at(0).result == 0, zeroFrom == Fn::AshmemCreate);
+    EXPECT_EQ(fd == 0, zeroFrom == Fn::Dup);
+    EXPECT_EQ(mgr->releaseShmMem(4096, fd, addr), 0);
+  }
+  if (savedStdin >= 0) dup2(savedStdin, 0);
+  close(savedStdin);
 }
 
 // A failed dup or mmap leaves -1/null, closes each descriptor once and logs which call failed.

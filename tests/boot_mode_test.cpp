@@ -15,29 +15,35 @@
 
 // Each call opens the file once and closes that descriptor once, returns the number leading its
 // first three characters and logs it, or logs one warning and returns 0 when the file is missing
-// or empty; no temporary file or descriptor stays behind.
+// or empty; no temporary file or descriptor stays behind. Descriptor 0 is opened like any other.
 TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
   const std::string path = "/sys/class/BOOT/BOOT/boot/boot_mode";
   const std::string file = testing::TempDir() + "boot_mode_" + std::to_string(getpid());
   // Content (null: no file), mode, and the one line logged: its debug-print level and text.
   const std::tuple<const char*, int, int, std::string> cases[] = {
       {"4\n", 4, 0, "Boot Mode 4"},
-      {"10", 10, 0, "Boot Mode 10"},
+      {"7", 7, 0, "Boot Mode 7"},
       {"1234", 123, 0, "Boot Mode 123"},
       {"abc", 0, 0, "Boot Mode 0"},
       {"", 0, 2, "could not read boot mode sys file"},
       {nullptr, 0, 2, "fail to open: " + path}};
+  const int savedStdin = fcntl(0, F_DUPFD_CLOEXEC, 3);
   for (const auto& [content, mode, level, line] : cases) {
     SCOPED_TRACE(line);
     vrotest::LeakGuard leaks;
     if (content != nullptr) std::ofstream(file) << content;
     vrotest::LogCapture log;
+    if (mode == 4) close(0);
     vrotest::FaultScope scope;
     scope.redirectOpen(path, file);
     EXPECT_EQ(NSCam::Utils::getBootMode(), mode);
     unlink(file.c_str());
     const auto opens = scope.opens();
     ASSERT_EQ(opens.size(), 1u);
+    if (mode == 4) {
+      EXPECT_EQ(opens[0].result, 0);
+      dup2(savedStdin, 0);
+    }
     EXPECT_EQ(std::tie(opens[0].path, opens[0].flags), std::make_tuple(path, O_RDONLY));
     EXPECT_EQ(scope.closedFds(), content ? std::vector{opens[0].result} : std::vector<int>{});
     const auto logged = log.logged();
@@ -49,5 +55,6 @@ TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
     EXPECT_THAT(printed[0].text, testing::EndsWith(" getBootMode() " + line));
     leaks.expectNoLeaks();
   }
+  close(savedStdin);
   EXPECT_NE(access(file.c_str(), F_OK), 0);
 }
