@@ -65,7 +65,8 @@ TEST(GatedLogTest, SwitchesGateEachKindOfLine) {
       {level, 5, "DWEB|DWEB"}, {level, ~0u, "DWEB|DWEB"}, {level, 4, "WE|WE"}, {level, 2, "WE|WE"},
       {level, 1, "E|E"}, {mask, 0x100000, "WE|WE"}, {mask, 0x1000, "WE|WE"},
       {mask, 0x100002, "WE|WE"}, {mask, 0x101000, "DWE|DWE"}, {mask, 0x40001000, "WEB|WEB"},
-      {mask, 0x40000000, "WE|WE"}, {mode, 0, "|"}, {mode, 4, "|"}, {mode, 1, "|DWEB"},
+      {mask, 0x40000000, "WE|WE"}, {mask, 0x40000001, "WE|WE"}, {mask, 0xF001, "WE|WE"},
+      {mode, 0, "|"}, {mode, 4, "|"}, {mode, 1, "|DWEB"},
       {mode, 2, "DWEB|"}, {mode, 8, "DWEB|"}};
   // clang-format on
   for (const auto& [sw, value, expected] : cases) {
@@ -129,10 +130,14 @@ TEST(GatedLogTest, LevelRecordsAndLoggerObject) {
   EXPECT_EQ(log.printed()[1].format.rfind("<warn>[LogTest] ", 0), 0u);
 }
 
-// Unified lines are cut to 1023 chars with their full length; a 1024-char debug print aborts.
+// Unified lines are cut to 1023 chars with their full length, an empty one is still a line; a
+// 1024-char debug print aborts.
 TEST(GatedLogTest, LongLines) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   LogCapture log;
+  textLine("");
+  EXPECT_THAT(log.logged(), ElementsAre(Logged(0x101002u, "LogTest", 2, "")));
+  log.clear();
   textLine(std::string(2000, 'x'));
   ASSERT_EQ(log.logged().size(), 1u);
   EXPECT_EQ(log.logged()[0].text, std::string(1023, 'x'));

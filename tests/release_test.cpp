@@ -181,8 +181,8 @@ TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
     std::string name;
     int answer;
     std::function<int()> release;
-  } forms[] = {{"releaseShmMem", 5, [&] { return mgr->releaseShmMem(id, kType); }},
-               {"releaseShmMem", 5, [&] { return mgr->releaseShmMem(id, Types{kType}); }},
+  } forms[] = {{"releaseShmMem", 1, [&] { return mgr->releaseShmMem(id, kType); }},
+               {"releaseShmMem", 1, [&] { return mgr->releaseShmMem(id, Types{kType}); }},
                {"releaseAllShmMems", -3, [&] { return mgr->releaseAllShmMems(); }}};
   for (const auto& form : forms) {
     const Mem mem = put(id, kType, 1, 0x80000000u)[0];
@@ -202,15 +202,18 @@ TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
 }
 
 // The list form returns the last element's result: a refused first type is only logged, an
-// unknown last type gives 0, and a refused last type gives its value.
+// unknown last type gives 0, and a refused last type gives its value. Its IPC_USER twin works
+// under user id 0.
 TEST_F(ReleaseTest, ListFormReturnsLastResult) {
-  const Id id = owner(1, 4, 9);
   ShmMemAlloc allocs[2] = {{"a", kType, 1}, {"b", 99, 1}};
   for (int last : {0, 5}) {
+    const Id id = owner(1, 4, last == 0 ? 9 : 0);
     const Mem mem = put(id, kType)[0];
     answer = 5;
     log.clear();
-    EXPECT_EQ(mgr->releaseShmMem(id, allocs, 2), last);
+    EXPECT_EQ(last == 0 ? mgr->releaseShmMem(id, allocs, 2)
+                        : mgr->releaseShmMem(id.user, id.sensorIdx, allocs, 2),
+              last);
     EXPECT_TRUE(gone(mem));
     EXPECT_EQ(recordsUnder(id, kType), -1);
     EXPECT_THAT(errors(), ElementsAre("[releaseShmMem] " + kRefused,
@@ -296,18 +299,19 @@ TEST_F(ReleaseTest, NoClientChangesNothing) {
 TEST_F(ReleaseTest, DetailLinesFollowDbgLog) {
   const Id id = owner(-2, 0xFFFFFFFEu, 1ULL << 33);
   const std::string head = "[releaseShmMem] [User:-2, Sensor:4294967294, UserId:8589934592]";
-  const std::vector<std::string> lines = {
-      head + " type:7, bReleaseBuf:0, fd:-2\n", head + ", vec size:0\n",
-      head + " typeSize:2, bReleaseBuf:0\n",
-      "[releaseAllShmMems] Release all registered shared memories.\n"};
   for (const char* level : {"0", "1", "-1"}) {
+    const bool buf = level[0] == '-';
+    const std::vector<std::string> lines = {
+        head + format(" type:7, bReleaseBuf:%d, fd:-2\n", buf), head + ", vec size:0\n",
+        head + format(" typeSize:2, bReleaseBuf:%d\n", buf),
+        "[releaseAllShmMems] Release all registered shared memories.\n"};
     setDbgLog(mgr, level);
     EXPECT_EQ(Inspector::dbgLog(*mgr), std::atoi(level));
     log.clear();
     sent.clear();
-    EXPECT_EQ(mgr->releaseShmMem(id, kType, false, -2), 0);
+    EXPECT_EQ(mgr->releaseShmMem(id, kType, buf, -2), 0);
     EXPECT_EQ(mgr->releaseShmMem(id, nullptr, 0), 0);
-    EXPECT_EQ(mgr->releaseShmMem(id, Types{kType, 9}, false), 0);
+    EXPECT_EQ(mgr->releaseShmMem(id, Types{kType, 9}, buf), 0);
     EXPECT_EQ(mgr->releaseAllShmMems(), 0);
     const std::vector<std::string> quiet = {lines.back()};
     EXPECT_EQ(log.texts(), std::atoi(level) == 0 ? quiet : lines) << level;
