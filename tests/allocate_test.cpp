@@ -76,9 +76,8 @@ TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
 
 // Descriptor 0 is a descriptor like any other, whether the region or its duplicate gets it.
 TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
-  const int savedStdin = fcntl(0, F_DUPFD_CLOEXEC, 3);
   for (const Fn zeroFrom : {Fn::AshmemCreate, Fn::Dup}) {
-    close(0);
+    DescriptorZeroFree zero;
     FaultScope faults;
     if (zeroFrom == Fn::Dup) {
       EXPECT_EQ(memfd_create("zero-dup", MFD_CLOEXEC), 0);  // stands in for the duplicate
@@ -92,8 +91,6 @@ TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
     EXPECT_EQ(fd == 0, zeroFrom == Fn::Dup);
     EXPECT_EQ(mgr->releaseShmMem(4096, fd, addr), 0);
   }
-  if (savedStdin >= 0) dup2(savedStdin, 0);
-  close(savedStdin);
 }
 
 // A failed dup or mmap leaves -1/null, closes each descriptor once and logs which call failed.

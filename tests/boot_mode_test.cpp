@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <optional>
 #include <tuple>
 
 #include "FaultInjection.h"
@@ -27,22 +28,21 @@ TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
       {"abc", 0, 0, "Boot Mode 0"},
       {"", 0, 2, "could not read boot mode sys file"},
       {nullptr, 0, 2, "fail to open: " + path}};
-  const int savedStdin = fcntl(0, F_DUPFD_CLOEXEC, 3);
   for (const auto& [content, mode, level, line] : cases) {
     SCOPED_TRACE(line);
     vrotest::LeakGuard leaks;
     if (content != nullptr) std::ofstream(file) << content;
     vrotest::LogCapture log;
-    if (mode == 4) close(0);
+    std::optional<vrotest::DescriptorZeroFree> zero;
+    if (mode == 4) zero.emplace();
     vrotest::FaultScope scope;
     scope.redirectOpen(path, file);
     EXPECT_EQ(NSCam::Utils::getBootMode(), mode);
     unlink(file.c_str());
     const auto opens = scope.opens();
     ASSERT_EQ(opens.size(), 1u);
-    if (mode == 4) {
+    if (zero) {
       EXPECT_EQ(opens[0].result, 0);
-      dup2(savedStdin, 0);
     }
     EXPECT_EQ(std::tie(opens[0].path, opens[0].flags), std::make_tuple(path, O_RDONLY));
     EXPECT_EQ(scope.closedFds(), content ? std::vector{opens[0].result} : std::vector<int>{});
@@ -53,8 +53,8 @@ TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
               std::make_tuple(0x40007001u, "VroCam/Utils", level == 0 ? 5 : 2, line));
     EXPECT_EQ(std::tie(printed[0].tag, printed[0].level), std::make_tuple("VroCam/Utils", level));
     EXPECT_THAT(printed[0].text, testing::EndsWith(" getBootMode() " + line));
+    zero.reset();
     leaks.expectNoLeaks();
   }
-  close(savedStdin);
   EXPECT_NE(access(file.c_str(), F_OK), 0);
 }

@@ -219,11 +219,11 @@ TEST_F(LimitedPeerLinkTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
   EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "pipe", pipeFds[0], 4096, nullptr, out), -ENODEV);
   // Descriptor 0 is a descriptor like any other: the peer, not the client, refuses this one.
-  const int savedStdin = dup(0);
-  ASSERT_EQ(dup2(pipeFds[0], 0), 0);
-  EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "stdin", 0, 4096, nullptr, out), -ENODEV);
-  dup2(savedStdin, 0);
-  close(savedStdin);
+  {
+    DescriptorZeroFree zero;
+    ASSERT_EQ(dup2(pipeFds[0], 0), 0);
+    EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "stdin", 0, 4096, nullptr, out), -ENODEV);
+  }
   close(pipeFds[0]);
   close(pipeFds[1]);
   EXPECT_EQ(mgr->registerShmMem(kOwner, 9, "none", -1, 4096, nullptr, out), -EBADF);

@@ -94,4 +94,15 @@ std::string mappingOf(const void* addr) {
 
 bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
+DescriptorZeroFree::DescriptorZeroFree() : mSaved(fcntl(0, F_DUPFD_CLOEXEC, 3)) { close(0); }
+
+DescriptorZeroFree::~DescriptorZeroFree() {
+  if (mSaved < 0) {
+    close(0);
+    return;
+  }
+  dup2(mSaved, 0);
+  close(mSaved);
+}
+
 }  // namespace vrotest

@@ -38,4 +38,17 @@ std::string mappingOf(const void* addr);
 // Whether fd is open in this process.
 bool isOpen(int fd);
 
+// Frees descriptor 0 for its lifetime, so that the next descriptor made gets it; then puts back
+// what was there (or leaves it closed, as it was).
+class DescriptorZeroFree {
+ public:
+  DescriptorZeroFree();
+  ~DescriptorZeroFree();
+  DescriptorZeroFree(const DescriptorZeroFree&) = delete;
+  DescriptorZeroFree& operator=(const DescriptorZeroFree&) = delete;
+
+ private:
+  int mSaved;
+};
+
 }  // namespace vrotest
