@@ -83,9 +83,6 @@ TEST_F(PeerProtocolTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
                 .find("Address already in use"),
             std::string::npos);
   ASSERT_EQ(probe->send(message(Kind::Ping)), 0) << "the first peer no longer serves";
-  EXPECT_NE(run(peerCommandLine() + " --socket /nonexistent/peer.sock 2>&1")
-                .find("cannot serve /nonexistent/peer.sock: No such file or directory"),
-            std::string::npos);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
@@ -112,45 +109,34 @@ TEST_F(PeerProtocolTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnecti
   int pipeFds[2];
   ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
   const Record record{1, 0, 4096, "raw"};
-  auto withRecord = [&](auto change) {
-    Record changed = record;
-    change(changed);
-    return registerMessage({changed});
+  const auto sized = [&](int64_t size) { return registerMessage({Record{1, 0, size, "raw"}}); };
+  const auto edited = [](std::vector<uint8_t> bytes, size_t at, uint8_t value, size_t n = 1) {
+    memset(&bytes[at], value, n);
+    return bytes;
   };
-  std::vector<uint8_t> longerThanSent = message(Kind::Ping);
-  longerThanSent[8] = 4;
-  std::vector<uint8_t> otherVersion = message(Kind::Ping);
-  otherVersion[0] = 2;
-  std::vector<uint8_t> unterminated = registerMessage({record});
-  memset(&unterminated[vrowire::kHeaderSize + 8 + 16], 'x', vrowire::kNameSize);
-  const auto handleFive = [](vrowire::Writer& out) {
-    out.u32(1);
-    out.i32(5);
-  };
-
-  struct Case {
+  const auto handleFive = [](vrowire::Writer& out) { out.u32(1), out.i32(5); };
+  const struct {
     const char* what;
     std::vector<uint8_t> bytes;
     std::vector<int> fds;
     int expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"shorter than a header", {1, 0, 1}, {}, -EBADMSG},
-      {"length beyond the bytes", longerThanSent, {}, -EBADMSG},
-      {"other version", otherVersion, {}, -EPROTONOSUPPORT},
+      {"length beyond the bytes", edited(message(Kind::Ping), 8, 4), {}, -EBADMSG},
+      {"other version", edited(message(Kind::Ping), 0, 2), {}, -EPROTONOSUPPORT},
       {"unknown kind", message(static_cast<Kind>(99)), {}, -EOPNOTSUPP},
       {"longer than any message", std::vector<uint8_t>(vrowire::kMaxMessage + 1), {}, -EMSGSIZE},
       {"65 records", registerMessage(std::vector<Record>(65, record)), {}, -EBADMSG},
       {"a record without descriptor", registerMessage({record}), {}, -EBADF},
-      {"two descriptors for one record",
-       registerMessage({record}),
-       {memory.fd, other.fd},
-       -EBADMSG},
+      {"two descriptors, one record", registerMessage({record}), {memory.fd, other.fd}, -EBADMSG},
       {"a descriptor with a ping", message(Kind::Ping), {memory.fd}, -EBADMSG},
-      {"a name without terminator", unterminated, {memory.fd}, -EBADMSG},
+      {"a name without terminator",
+       edited(registerMessage({record}), vrowire::kHeaderSize + 24, 'x', vrowire::kNameSize),
+       {memory.fd},
+       -EBADMSG},
       {"a pipe", registerMessage({record}), {pipeFds[0]}, -ENODEV},
-      {"a negative size", withRecord([](Record& r) { r.size = -4096; }), {memory.fd}, -EINVAL},
-      {"a huge size", withRecord([](Record& r) { r.size = 1ll << 62; }), {memory.fd}, -EOVERFLOW},
+      {"a negative size", sized(-4096), {memory.fd}, -EINVAL},
+      {"a huge size", sized(int64_t{1} << 62), {memory.fd}, -EOVERFLOW},
       {"one handle twice", registerMessage({record, record}), {memory.fd, other.fd}, -EEXIST},
       {"a continuation of no batch",
        registerMessage({record}, vrowire::kContinue),
@@ -160,20 +146,14 @@ TEST_F(PeerProtocolTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnecti
        message(Kind::Deregister, 1, handleFive),
        {},
        -ENOENT},
-      {"checksum of an unknown handle",
-       message(Kind::Checksum, 1, [](vrowire::Writer& out) { out.i32(5); }),
-       {},
-       -ENOENT},
       {"a status page beyond the text",
        message(Kind::Status, 1, [](vrowire::Writer& out) { out.u32(1u << 20); }),
        {},
        -EINVAL},
       {"an empty message", {}, {}, -ECONNRESET},
   };
-  for (const Case& c : cases) {
-    RawClient client(peer.socket());
-    EXPECT_EQ(client.send(c.bytes, c.fds), c.expected) << c.what;
-  }
+  for (const auto& c : cases)
+    EXPECT_EQ(RawClient(peer.socket()).send(c.bytes, c.fds), c.expected) << c.what;
   freeRegion(memory);
   freeRegion(other);
   close(pipeFds[0]);

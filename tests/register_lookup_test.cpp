@@ -12,12 +12,16 @@ namespace vrotest {
 namespace {
 
 using ::testing::_;
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Return;
 
 const IPC_USER kUser = static_cast<IPC_USER>(-2);
 const Id kId{kUser, 7, 1ull << 40};
 const std::string kOwner = "[registerShmMem] [User:-2, Sensor:7, UserId:1099511627776] ";
+const std::string kError =
+    "[registerShmMem] error: [User:-2, Sensor:7, UserId:1099511627776] Unable to register shared "
+    "memories";
 
 // Nothing dereferences these: the records are forgotten, never released.
 void* fakeAddr(int fd) { return reinterpret_cast<void*>(static_cast<uintptr_t>(0x10000 * fd)); }
@@ -52,10 +56,7 @@ TEST_F(RegisterLookupTest, FirstHandlesCountFromOne) {
   EXPECT_THAT(first, InfoIs("a", 0, 64, 10, fakeAddr(10), 1));
   EXPECT_EQ(add(kId, 4, 11).handle, 2);
   EXPECT_THAT(fdsOf(stored(kId, 4)), ElementsAre(11));
-  EXPECT_EQ(log.countContaining(
-                "[registerShmMem] error: [User:-2, Sensor:7, UserId:1099511627776] Unable to "
-                "register shared memories, type: 4\n"),
-            1);
+  EXPECT_THAT(log.texts(), Contains(kError + ", type: 4\n").Times(1));
 }
 
 // The single form keys by the type argument, keeps out.type, keeps or overwrites by descriptor.
@@ -112,9 +113,7 @@ TEST_F(RegisterLookupTest, VectorFormRegistersOnce) {
   EXPECT_THAT(handlesOf(sent[2]), ElementsAre(handle + 3, handle + 4, handle + 5));
   EXPECT_EQ(Inspector::nextHandle(*mgr), handle + 6);
   EXPECT_THAT(handlesOf(stored(kId, 6)), ElementsAre(handle - 1, handle, handle + 2));
-  EXPECT_EQ(log.countContaining("[registerShmMem] error: [User:-2, Sensor:7, "
-                                "UserId:1099511627776] Unable to register shared memories\n"),
-            1);
+  EXPECT_THAT(log.texts(), Contains(kError + "\n").Times(1));
 }
 
 // Lookups copy in descriptor order, -1 picks the smallest, misses change nothing.

@@ -162,7 +162,7 @@ TEST_F(ReleaseTest, KeptBuffersFreedByRawForm) {
   {
     FaultScope scope;
     EXPECT_EQ(mgr->releaseShmMem(static_cast<int>(kPage), m[0].fd, m[0].addr), 0);
-    scope.failAll(Fn::Munmap, 0, 0);  // the test unmaps the second page itself
+    scope.fail(Fn::Munmap, -1, 0, 0);  // the test unmaps the second page itself
     EXPECT_EQ(mgr->releaseShmMem(-1, m[1].fd, m[1].addr), 0);
     expectFreed(scope, {m[0]}, {0});
     expectFreed(scope, {m[1]}, {0}, SIZE_MAX);
@@ -190,7 +190,7 @@ TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
     log.clear();
     {
       FaultScope scope;
-      scope.failAll(Fn::Munmap, 0, 0);  // the test unmaps the real page itself
+      scope.fail(Fn::Munmap, -1, 0, 0);  // the test unmaps the real page itself
       EXPECT_EQ(form.release(), form.answer) << form.name;
       expectFreed(scope, {mem}, {0}, 0xFFFFFFFF80000000ull);
     }
@@ -237,8 +237,8 @@ TEST_F(ReleaseTest, TypesFormGathersInListOrder) {
   m.push_back(put(other, 8)[0]);
   {
     FaultScope scope;  // swallows every unmap and close: the test frees each page once
-    scope.failAll(Fn::Munmap, 0, 0);
-    scope.failAll(Fn::Close, 0, 0);
+    scope.fail(Fn::Munmap, -1, 0, 0);
+    scope.fail(Fn::Close, -1, 0, 0);
     EXPECT_EQ(mgr->releaseShmMem(other, Types{8, 5, 7, 8}), 0);
     expectFreed(scope, m, {2, 0, 1, 2});
   }

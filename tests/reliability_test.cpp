@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <random>
@@ -48,29 +47,6 @@ std::pair<uint64_t, uint64_t> clientTotals() {
   return {holdings.memories, holdings.bytes};
 }
 
-class Barrier {
- public:
-  explicit Barrier(int count) : mCount(count) {}
-  void wait() {
-    std::unique_lock<std::mutex> lock(mLock);
-    const int generation = mGeneration;
-    if (++mWaiting == mCount) {
-      mWaiting = 0;
-      ++mGeneration;
-      mWake.notify_all();
-    } else {
-      mWake.wait(lock, [&] { return generation != mGeneration; });
-    }
-  }
-
- private:
-  std::mutex mLock;
-  std::condition_variable mWake;
-  const int mCount;
-  int mWaiting = 0;
-  int mGeneration = 0;
-};
-
 constexpr int kThreads = 4;
 constexpr int kRounds = 20;
 constexpr int kOpsPerRound = 500;  // 10^4 per thread
@@ -80,32 +56,31 @@ constexpr unsigned int kSize = 4096;
 // One thread's operations on keys of its own, checked against its model of them.
 class Worker {
  public:
-  Worker(int index)
-      : mId{IPC_USER(100 + index), static_cast<unsigned int>(index), 0}, mRandom(index) {}
+  explicit Worker(int index) : mId{IPC_USER(100 + index), unsigned(index), 0}, mRandom(index) {}
 
   void step(IPCClientShmMgr* mgr) {
     const unsigned int type = mRandom() % kTypes;
     const unsigned int other = (type + 1 + mRandom() % (kTypes - 1)) % kTypes;
+    const bool free = mModel[type].empty() && mModel[other].empty();
+    ShmMemAlloc allocs[] = {{"stress-a", type, kSize}, {"stress-b", other, kSize}};
     switch (mRandom() % 9) {
       case 0:
-        mgr = IPCClientShmMgr::getInstance();
+        ASSERT_EQ(IPCClientShmMgr::getInstance(), mgr);
         break;
-      case 1:  // allocate one; an allocation replaces the key's records, so only on a free key
-        if (mModel[type].empty()) {
-          ShmMemAlloc alloc{"stress", type, kSize};
-          ASSERT_EQ(mgr->allocateShmMem(mId, alloc), 0);
+      case 1:  // an allocation replaces the key's records, so only on free keys
+        if (free) {
+          ASSERT_EQ(mgr->allocateShmMem(mId, allocs[0]), 0);
           learn(mgr, type, -1);
         }
         break;
-      case 2:  // allocate a batch of two types
-        if (mModel[type].empty() && mModel[other].empty()) {
-          ShmMemAlloc allocs[] = {{"stress-a", type, kSize}, {"stress-b", other, kSize}};
+      case 2:
+        if (free) {
           ASSERT_EQ(mgr->allocateAllShmMems(mId, allocs, 2), 0);
           learn(mgr, type, -1);
           learn(mgr, other, -1);
         }
         break;
-      case 3: {  // register memory of our own
+      case 3: {
         const Region region = makeRegion(kSize, "stress-own");
         ShmMemInfo out;
         ASSERT_EQ(mgr->registerShmMem(mId, type, "own", region.fd, kSize, region.addr, out), 0);
@@ -113,7 +88,7 @@ class Worker {
         EXPECT_EQ(out.handle, mHandles.back());
         break;
       }
-      case 4: {  // register a batch: handles follow the vector's order
+      case 4: {  // handles follow the vector's order
         std::vector<ShmMemInfo> infos;
         for (unsigned int t : {type, other}) {
           const Region region = makeRegion(kSize, "stress-batch");
@@ -124,7 +99,7 @@ class Worker {
         EXPECT_EQ(mHandles.back(), mHandles[mHandles.size() - 2] + 1);
         break;
       }
-      case 5:  // look up
+      case 5:
         expectModel(mgr, type);
         break;
       case 6:
@@ -146,15 +121,16 @@ class Worker {
     }
   }
 
-  // The array release erases without the lock, so it runs while the other threads wait.
+  // The array-form release of the lower half of the types.
   void releaseByList(IPCClientShmMgr* mgr) {
     ShmMemAlloc allocs[kTypes / 2];
-    for (unsigned int i = 0; i < kTypes / 2; ++i) allocs[i] = {"", i, 0};
+    for (unsigned int i = 0; i < kTypes / 2; ++i) {
+      allocs[i] = {"", i, 0};
+      mModel[i].clear();
+    }
     EXPECT_EQ(mgr->releaseShmMem(mId, allocs, kTypes / 2), 0);
-    for (unsigned int i = 0; i < kTypes / 2; ++i) mModel[i].clear();
     for (unsigned int type = 0; type < kTypes; ++type) expectModel(mgr, type);
   }
-
   void forget() { mModel.clear(); }
   const std::vector<int>& handles() const { return mHandles; }
 
@@ -164,21 +140,15 @@ class Worker {
     ShmMemInfo info;
     ASSERT_EQ(mgr->getShmInfo(info, mId, type, fd), 0);
     mModel[type][info.fd] = info.handle;
-    took(info.handle);
-  }
-  void took(int handle) {
-    EXPECT_TRUE(mHandles.empty() || handle > mHandles.back()) << handle;
-    mHandles.push_back(handle);
+    EXPECT_TRUE(mHandles.empty() || info.handle > mHandles.back()) << info.handle;
+    mHandles.push_back(info.handle);
   }
   void expectModel(IPCClientShmMgr* mgr, unsigned int type) {
     std::vector<ShmMemInfo> infos;
-    const int ret = mgr->getShmInfo(infos, mId, type);
+    EXPECT_EQ(mgr->getShmInfo(infos, mId, type), mModel[type].empty() ? -1 : 0);
     std::map<int, int> seen;
     for (const ShmMemInfo& info : infos) seen[info.fd] = info.handle;
-    EXPECT_EQ(ret, mModel[type].empty() ? -1 : 0);
-    if (ret == 0) {
-      EXPECT_EQ(seen, mModel[type]) << "type " << type;
-    }
+    EXPECT_TRUE(infos.empty() || seen == mModel[type]) << "type " << type;
   }
 
   const Id mId;
@@ -188,44 +158,37 @@ class Worker {
 };
 
 // Several threads mixing every operation on keys of their own, with getInstance() and verbosity
-// changes in between: handles stay unique and increasing, the registry matches the client,
-// and nothing is left open or mapped.
+// changes in between; after each round the array-form release (which erases without the lock, by
+// design) runs alone. Handles stay unique and increasing, the registry matches the client, and
+// nothing is left open or mapped.
 TEST(ManagerStressTest, MixedOperationsFromSeveralThreads) {
   LeakGuard leaks;
   IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
   ASSERT_EQ(clientTotals(), registryTotals(*mgr));
   std::vector<Worker> workers;
   for (int i = 0; i < kThreads; ++i) workers.emplace_back(i);
-  Barrier barrier(kThreads);
-
-  auto run = [&](int index) {
-    Worker& worker = workers[index];
-    for (int round = 0; round < kRounds; ++round) {
-      for (int op = 0; op < kOpsPerRound && !::testing::Test::HasFatalFailure(); ++op) {
-        worker.step(mgr);
-        if (index == 0 && op % 100 == 0) {
-          NSCam::Utils::Properties::host_property_set("vendor.debug.ipc.log", op % 200 ? "1" : "0");
+  for (int round = 0; round < kRounds && !::testing::Test::HasFailure(); ++round) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        for (int op = 0; op < kOpsPerRound && !::testing::Test::HasFatalFailure(); ++op) {
+          workers[i].step(mgr);
+          if (i == 0 && op % 100 == 0) {
+            NSCam::Utils::Properties::host_property_set("vendor.debug.ipc.log",
+                                                        op % 200 ? "1" : "0");
+          }
         }
-      }
-      for (int turn = 0; turn < kThreads; ++turn) {
-        if (turn == index) worker.releaseByList(mgr);
-        barrier.wait();
-      }
-      if (index == 0) {
-        EXPECT_EQ(clientTotals(), registryTotals(*mgr)) << "round " << round;
-        if (round % 4 == 3) {
-          EXPECT_EQ(mgr->releaseAllShmMems(), 0);
-        }
-      }
-      barrier.wait();
-      if (round % 4 == 3) worker.forget();
+      });
     }
-  };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) threads.emplace_back(run, i);
-  for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) thread.join();
+    for (Worker& worker : workers) worker.releaseByList(mgr);
+    EXPECT_EQ(clientTotals(), registryTotals(*mgr)) << "round " << round;
+    if (round % 4 == 3) {
+      EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+      for (Worker& worker : workers) worker.forget();
+    }
+  }
   NSCam::Utils::Properties::host_property_set("vendor.debug.ipc.log", nullptr);
-
   std::set<int> all;
   size_t count = 0;
   for (const Worker& worker : workers) {

@@ -16,24 +16,18 @@ enum class Fn { Mmap, Munmap, Close, Dup, Open, AshmemCreate, AshmemSetProt, Ash
 
 struct MmapCall {
   size_t length;
-  int prot;
-  int flags;
-  int fd;
+  int prot, flags, fd;
   off_t offset;
   void* result;
 };
-
 struct MunmapCall {
   void* addr;
   size_t length;
 };
-
 struct OpenCall {
   std::string path;  // as the caller named it
-  int flags;
-  int result;
+  int flags, result;
 };
-
 struct CreateCall {
   std::string name;
   size_t size;
@@ -48,11 +42,9 @@ class FaultScope {
   FaultScope(const FaultScope&) = delete;
   FaultScope& operator=(const FaultScope&) = delete;
 
-  // The nth call (1-based, counted in this scope) of fn returns result with errno err and does
-  // not run. err 0 leaves errno alone, so result 0 swallows a call.
+  // The nth call (1-based, counted in this scope; -1: every call) of fn returns result with errno
+  // err and does not run. err 0 leaves errno alone, so result 0 swallows a call.
   void fail(Fn fn, int nth, long result, int err);
-  // Every call of fn from now on.
-  void failAll(Fn fn, long result, int err);
   // Serves reads of path from another file (the open is made on `to`).
   void redirectOpen(const std::string& from, const std::string& to);
 

@@ -7,16 +7,25 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <fstream>
-#include <sstream>
+#include <iterator>
+#include <vector>
 
 namespace vrotest {
-
 namespace {
 
 std::string procPath(pid_t pid, const char* what) {
-  return (pid == 0 ? std::string("/proc/self") : "/proc/" + std::to_string(pid)) + "/" + what;
+  return "/proc/" + (pid == 0 ? std::string("self") : std::to_string(pid)) + "/" + what;
+}
+
+// What now holds beyond before, each element as often as it is in excess.
+std::vector<std::string> excess(const std::multiset<std::string>& now,
+                                const std::multiset<std::string>& before) {
+  std::vector<std::string> out;
+  std::set_difference(now.begin(), now.end(), before.begin(), before.end(),
+                      std::back_inserter(out));
+  return out;
 }
 
 }  // namespace
@@ -26,15 +35,12 @@ std::map<int, std::string> LeakGuard::openDescriptors(pid_t pid) {
   const std::string dirPath = procPath(pid, "fd");
   DIR* dir = opendir(dirPath.c_str());
   if (dir == nullptr) return fds;
-  const int own = pid == 0 ? dirfd(dir) : -1;
   while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
     const int fd = atoi(entry->d_name);
-    if (fd == own) continue;
+    if (entry->d_name[0] == '.' || (pid == 0 && fd == dirfd(dir))) continue;
     char target[512] = {};
-    const std::string link = dirPath + "/" + entry->d_name;
-    const ssize_t n = readlink(link.c_str(), target, sizeof(target) - 1);
-    fds[fd] = n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string("?");
+    const ssize_t n = readlink((dirPath + "/" + entry->d_name).c_str(), target, sizeof(target) - 1);
+    fds[fd] = n > 0 ? target : "?";
   }
   closedir(dir);
   return fds;
@@ -43,8 +49,7 @@ std::map<int, std::string> LeakGuard::openDescriptors(pid_t pid) {
 std::multiset<std::string> LeakGuard::memfdMappings(pid_t pid) {
   std::multiset<std::string> lines;
   std::ifstream maps(procPath(pid, "maps"));
-  std::string line;
-  while (std::getline(maps, line)) {
+  for (std::string line; std::getline(maps, line);) {
     if (line.find("/memfd:") != std::string::npos) lines.insert(line);
   }
   return lines;
@@ -61,33 +66,23 @@ std::multiset<std::string> LeakGuard::targets() const {
 LeakGuard::LeakGuard(pid_t pid) : mPid(pid), mTargets(targets()), mMappings(memfdMappings(pid)) {}
 
 void LeakGuard::expectNoLeaks() const {
-  const std::multiset<std::string> now = targets();
-  for (auto it = now.begin(); it != now.end(); it = now.upper_bound(*it)) {
-    const size_t more = now.count(*it);
-    const size_t before = mTargets.count(*it);
-    if (more > before) {
-      ADD_FAILURE() << "descriptor left open"
-                    << (mPid != 0 ? " in pid " + std::to_string(mPid) : "") << ": " << *it << " ("
-                    << more - before << " more)";
-    }
+  const std::string where = mPid != 0 ? " in pid " + std::to_string(mPid) : "";
+  for (const std::string& fd : excess(targets(), mTargets)) {
+    ADD_FAILURE() << "descriptor left open" << where << ": " << fd;
   }
-  const std::multiset<std::string> mappings = memfdMappings(mPid);
-  for (auto it = mappings.begin(); it != mappings.end(); it = mappings.upper_bound(*it)) {
-    if (mappings.count(*it) > mMappings.count(*it)) ADD_FAILURE() << "mapping left behind: " << *it;
+  for (const std::string& map : excess(memfdMappings(mPid), mMappings)) {
+    ADD_FAILURE() << "mapping left behind" << where << ": " << map;
   }
 }
 
 std::string mappingOf(const void* addr) {
   const auto target = reinterpret_cast<uintptr_t>(addr);
   std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    std::istringstream range(line);
-    uintptr_t start = 0;
-    uintptr_t end = 0;
-    char dash = 0;
-    range >> std::hex >> start >> dash >> end;
-    if (target >= start && target < end) return line;
+  for (std::string line; std::getline(maps, line);) {
+    uintptr_t start = 0, end = 0;
+    if (sscanf(line.c_str(), "%lx-%lx", &start, &end) == 2 && target >= start && target < end) {
+      return line;
+    }
   }
   return "";
 }

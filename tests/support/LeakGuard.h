@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // LeakGuard: snapshots the open descriptors and the shared-memory mappings of a process (this one
-// by default), and reports what was left behind since.
+// by default), and reports what was left behind since. Beside it, small descriptor helpers.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +20,7 @@ class LeakGuard {
   // mapping that was not there.
   void expectNoLeaks() const;
 
-  // Descriptor -> link target, of pid (0: this process).
+  // Descriptor -> link target, and the memfd lines of the maps, of pid (0: this process).
   static std::map<int, std::string> openDescriptors(pid_t pid = 0);
   static std::multiset<std::string> memfdMappings(pid_t pid = 0);
 
@@ -28,13 +28,11 @@ class LeakGuard {
   std::multiset<std::string> targets() const;
 
   pid_t mPid;
-  std::multiset<std::string> mTargets;
-  std::multiset<std::string> mMappings;
+  std::multiset<std::string> mTargets, mMappings;
 };
 
 // The /proc/self/maps line of the mapping that contains addr, or "" when none does.
 std::string mappingOf(const void* addr);
-
 // Whether fd is open in this process.
 bool isOpen(int fd);
 

@@ -26,9 +26,7 @@ class CapturingLogger : public ULogger {
     std::lock_guard<std::mutex> guard(gLock);
     gLogged.push_back(LoggedLine{moduleId, tag, level, message, length});
   }
-};
-
-CapturingLogger gCapturingLogger;
+} gCapturingLogger;
 
 void capturePrint(const char* tag, cam_debug_level_t level, const char* format, va_list args) {
   char text[4096];
@@ -39,23 +37,12 @@ void capturePrint(const char* tag, cam_debug_level_t level, const char* format, 
 
 }  // namespace
 
-SwitchGuard::SwitchGuard()
+LogCapture::LogCapture()
     : mDetailsLevel(ULogger::sDetailsLevel),
       mMask(ULogger::sNormalDetailsMask),
       mMode(ULogger::sMode),
       mLogger(ULogger::sULogger) {
   memcpy(mLevels, g_logInfoLv, sizeof(mLevels));
-}
-
-SwitchGuard::~SwitchGuard() {
-  ULogger::sDetailsLevel = mDetailsLevel;
-  ULogger::sNormalDetailsMask = mMask;
-  ULogger::sMode = mMode;
-  ULogger::sULogger = mLogger;
-  memcpy(g_logInfoLv, mLevels, sizeof(mLevels));
-}
-
-LogCapture::LogCapture() {
   clear();
   ULogger::sDetailsLevel = 5;
   ULogger::sNormalDetailsMask = 0xFFFFFFFFu;
@@ -70,7 +57,14 @@ LogCapture::LogCapture() {
   host_set_debug_print_hook(&capturePrint);
 }
 
-LogCapture::~LogCapture() { host_set_debug_print_hook(nullptr); }
+LogCapture::~LogCapture() {
+  host_set_debug_print_hook(nullptr);
+  ULogger::sDetailsLevel = mDetailsLevel;
+  ULogger::sNormalDetailsMask = mMask;
+  ULogger::sMode = mMode;
+  ULogger::sULogger = mLogger;
+  memcpy(g_logInfoLv, mLevels, sizeof(mLevels));
+}
 
 std::vector<LoggedLine> LogCapture::logged() const {
   std::lock_guard<std::mutex> guard(gLock);
@@ -86,12 +80,6 @@ std::vector<std::string> LogCapture::texts() const {
   std::vector<std::string> out;
   for (const LoggedLine& line : logged()) out.push_back(line.text);
   return out;
-}
-
-int LogCapture::countContaining(const std::string& needle) const {
-  int n = 0;
-  for (const LoggedLine& line : logged()) n += line.text.find(needle) != std::string::npos;
-  return n;
 }
 
 void LogCapture::clear() {

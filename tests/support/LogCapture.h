@@ -12,22 +12,6 @@
 
 namespace vrotest {
 
-// Saves every switch the front end reads (and the logger), and puts them back on destruction.
-class SwitchGuard {
- public:
-  SwitchGuard();
-  ~SwitchGuard();
-  SwitchGuard(const SwitchGuard&) = delete;
-  SwitchGuard& operator=(const SwitchGuard&) = delete;
-
- private:
-  uint32_t mDetailsLevel;
-  uint32_t mMask;
-  uint32_t mMode;
-  NSCam::Utils::ULog::ULogger* mLogger;
-  log_level_info_t mLevels[CAM_DBG_LEVEL_NUM];
-};
-
 // A line as the unified logger received it.
 struct LoggedLine {
   uint32_t moduleId;
@@ -41,13 +25,12 @@ struct LoggedLine {
 struct PrintedLine {
   std::string tag;
   int level;
-  std::string format;
-  std::string text;
+  std::string format, text;
 };
 
-// While alive, both sinks feed this capture (nothing reaches stderr). The switches start fully
-// open (details level 5, every mask bit, both sinks, every debug-print level, prefixes
-// "<D>", "<E>", "<W>"); tests narrow them and the guard restores them.
+// While alive, both sinks feed this capture (nothing reaches stderr). It saves every switch the
+// front end reads and opens them fully (details level 5, every mask bit, both sinks, every
+// debug-print level, prefixes "<D>", "<E>", "<W>"); tests narrow them, and it puts them back.
 class LogCapture {
  public:
   LogCapture();
@@ -57,14 +40,13 @@ class LogCapture {
 
   std::vector<LoggedLine> logged() const;
   std::vector<PrintedLine> printed() const;
-  // The unified logger's texts, in order.
-  std::vector<std::string> texts() const;
-  // How many unified-logger lines contain needle.
-  int countContaining(const std::string& needle) const;
+  std::vector<std::string> texts() const;  // the unified logger's, in order
   void clear();
 
  private:
-  SwitchGuard mSwitches;
+  uint32_t mDetailsLevel, mMask, mMode;
+  NSCam::Utils::ULog::ULogger* mLogger;
+  log_level_info_t mLevels[CAM_DBG_LEVEL_NUM];
 };
 
 }  // namespace vrotest

@@ -1,28 +1,65 @@
 // SPDX-License-Identifier: Apache-2.0
-// ManagerTest: a manager connected to a mock IPC client, its logs captured, its registry empty,
-// and a leak check at the end. Real memfd regions for tests that register or release memory.
+// The manager as tests see it: a GoogleMock IPC client behind a test factory, and ManagerTest, a
+// manager connected to that client with its logs captured, its registry empty and a leak check
+// at the end.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "FaultInjection.h"
 #include "HostProperties.h"
+#include "IPCClient.h"
 #include "IPCClientShmMgr.h"
 #include "LeakGuard.h"
 #include "LogCapture.h"
 #include "ManagerInspector.h"
-#include "TestIPCClient.h"
 #include "TestRegion.h"
 
 namespace vrotest {
 
 using NSCam::ipc::wrapper::IPC_USER;
+using NSCam::ipc::wrapper::IPCClient;
 using NSCam::ipc::wrapper::IPCClientShmMgr;
 using NSCam::ipc::wrapper::ShmMemAlloc;
+using NSCam::ipc::wrapper::ShmMemInfo;
 using Inspector = NSCam::ipc::wrapper::IPCClientShmMgrInspector;
 using Id = IPCClientShmMgr::Identifier;
+
+class MockIPCClient : public IPCClient {
+ public:
+  MOCK_METHOD(int, registerShm, (ShmMemInfo & info), (override));
+  MOCK_METHOD(int, registerShms, (std::vector<ShmMemInfo> & infos), (override));
+  MOCK_METHOD(int, sendCommand, (int command, void* data, size_t length), (override));
+  MOCK_METHOD(int, waitForPeer, (int timeoutMs), (override));
+  MOCK_METHOD(int, deregisterShms, (std::vector<ShmMemInfo> infos), (override));
+};
+
+// Defined in the test executable in place of the host factory. The manager keeps the first
+// client it gets for the life of the process, so the factory always hands out one forwarder;
+// setTarget() chooses where its calls go.
+struct TestClientFactory {
+  static void setAvailable(bool available);  // whether it gives a client at all (at first not)
+  static void setTarget(IPCClient* target);  // null: every call fails the test
+  static IPCClient* forwarder();
+  static int calls();
+  static void resetCalls();
+  static int lastType();
+};
+
+// A record with the given fields, for comparisons in expectations.
+MATCHER_P6(InfoIs, name, type, size, fd, addr, handle, "") {
+  return arg.name == name && arg.type == static_cast<unsigned int>(type) &&
+         arg.size == static_cast<unsigned int>(size) && arg.fd == fd &&
+         arg.addr == static_cast<const void*>(addr) && arg.handle == handle;
+}
+
+// Descriptors and handles of the records, in order.
+std::vector<int> fdsOf(const std::vector<ShmMemInfo>& infos);
+std::vector<int> handlesOf(const std::vector<ShmMemInfo>& infos);
 
 // printf into a string, for expected log texts.
 __attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...);

@@ -14,54 +14,54 @@ namespace ipc {
 namespace wrapper {
 
 struct IPCClientShmMgrInspector {
-  using Registry = std::map<IPCClientShmMgr::ShmMemMapKey, std::map<int, ShmMemInfo>>;
+  using Mgr = IPCClientShmMgr;
+  using Registry = std::map<Mgr::ShmMemMapKey, std::map<int, ShmMemInfo>>;
 
-  static int nextHandle(IPCClientShmMgr& mgr) {
+  template <typename F>
+  static auto locked(Mgr& mgr, F read) {
     std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return mgr.m_NextHandle;
+    return read();
   }
-  static int dbgLog(IPCClientShmMgr& mgr) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return mgr.m_DbgLog;
+  static int nextHandle(Mgr& m) {
+    return locked(m, [&] { return m.m_NextHandle; });
   }
-  static bool inited(IPCClientShmMgr& mgr) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return mgr.m_Inited;
+  static int dbgLog(Mgr& m) {
+    return locked(m, [&] { return m.m_DbgLog.load(); });
   }
-  static IPCClient* client(IPCClientShmMgr& mgr) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return mgr.m_pIPCClient;
+  static bool inited(Mgr& m) {
+    return locked(m, [&] { return m.m_Inited; });
   }
-  static Registry registry(IPCClientShmMgr& mgr) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return mgr.m_ShmMemMap;
+  static IPCClient* client(Mgr& m) {
+    return locked(m, [&] { return m.m_pIPCClient.load(); });
+  }
+  static Registry registry(Mgr& m) {
+    return locked(m, [&] { return m.m_ShmMemMap; });
   }
   // The records under {id, type} in descriptor order; nullopt when the key is absent.
-  static std::optional<std::vector<ShmMemInfo>> records(IPCClientShmMgr& mgr,
-                                                        IPCClientShmMgr::Identifier id,
+  static std::optional<std::vector<ShmMemInfo>> records(Mgr& m, Mgr::Identifier id,
                                                         unsigned int type) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    auto key = mgr.m_ShmMemMap.find({id.user, id.sensorIdx, id.userId, type});
-    if (key == mgr.m_ShmMemMap.end()) return std::nullopt;
+    const Registry all = registry(m);
+    const auto key = all.find({id.user, id.sensorIdx, id.userId, type});
+    if (key == all.end()) return std::nullopt;
     std::vector<ShmMemInfo> out;
     for (const auto& record : key->second) out.push_back(record.second);
     return out;
   }
   // Forgets the registry's records without releasing anything.
-  static void forgetRegistry(IPCClientShmMgr& mgr) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    mgr.m_ShmMemMap.clear();
+  static void forgetRegistry(Mgr& m) {
+    locked(m, [&] { m.m_ShmMemMap.clear(); });
   }
   // Puts the manager back in the state of a failed init(), or gives it a client.
-  static void setClient(IPCClientShmMgr& mgr, IPCClient* client) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    mgr.m_pIPCClient = client;
-    mgr.m_Inited = client != nullptr;
+  static void setClient(Mgr& m, IPCClient* client) {
+    locked(m, [&] {
+      m.m_pIPCClient = client;
+      m.m_Inited = client != nullptr;
+    });
   }
   // Whether the lock is free (it is, after every operation returned).
-  static bool lockFree(IPCClientShmMgr& mgr) {
-    if (!mgr.m_Lock.try_lock()) return false;
-    mgr.m_Lock.unlock();
+  static bool lockFree(Mgr& m) {
+    if (!m.m_Lock.try_lock()) return false;
+    m.m_Lock.unlock();
     return true;
   }
 };

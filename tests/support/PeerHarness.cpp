@@ -2,8 +2,6 @@
 // The peer daemon as tests see it.
 #include "PeerHarness.h"
 
-#include "FreshProcess.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -26,17 +24,19 @@ TestPeer::TestPeer(std::string socket) : mSocket(std::move(socket)) {
   mLog = mDir + "/peer.log";
 }
 
+namespace {
+
+// The command that runs the peer daemon, through the emulator of a cross build.
 std::vector<std::string> peerCommand() {
-  std::vector<std::string> command = emulatorCommand();
-  command.push_back(VROCAM_PEER_BINARY);
+  std::vector<std::string> command;
+  std::istringstream words(VROCAM_TEST_EMULATOR " " VROCAM_PEER_BINARY);
+  for (std::string word; words >> word;) command.push_back(word);
   return command;
 }
 
-std::string peerCommandLine() {
-  std::string line;
-  for (const std::string& word : peerCommand()) line += (line.empty() ? "" : " ") + word;
-  return line;
-}
+}  // namespace
+
+std::string peerCommandLine() { return VROCAM_TEST_EMULATOR " " VROCAM_PEER_BINARY; }
 
 TestPeer::~TestPeer() {
   mProcess.stop(SIGKILL);
@@ -101,7 +101,8 @@ int RawClient::send(const std::vector<uint8_t>& bytes, const std::vector<int>& f
   return answer.status;
 }
 
-std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq, void (*fill)(vrowire::Writer&)) {
+std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq,
+                             const std::function<void(vrowire::Writer&)>& fill) {
   std::vector<uint8_t> bytes(vrowire::kMaxMessage);
   vrowire::Writer out(bytes.data(), bytes.size());
   out.header(static_cast<uint16_t>(kind), seq);
@@ -111,19 +112,16 @@ std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq, void (*fill)(vrow
 }
 
 std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records, uint32_t flags) {
-  std::vector<uint8_t> bytes(vrowire::kMaxMessage);
-  vrowire::Writer out(bytes.data(), bytes.size());
-  out.header(static_cast<uint16_t>(vrowire::Kind::Register), 1);
-  out.u32(flags);
-  out.u32(static_cast<uint32_t>(records.size()));
-  for (const vrowire::Record& record : records) {
-    out.i32(record.handle);
-    out.u32(record.type);
-    out.i64(record.size);
-    out.name(record.name.c_str(), record.name.size());
-  }
-  bytes.resize(out.finish());
-  return bytes;
+  return message(vrowire::Kind::Register, 1, [&](vrowire::Writer& out) {
+    out.u32(flags);
+    out.u32(static_cast<uint32_t>(records.size()));
+    for (const vrowire::Record& record : records) {
+      out.i32(record.handle);
+      out.u32(record.type);
+      out.i64(record.size);
+      out.name(record.name.c_str(), record.name.size());
+    }
+  });
 }
 
 }  // namespace vrotest

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,9 +17,7 @@
 
 namespace vrotest {
 
-// The peer daemon's command, behind the emulator of a cross build: a vector for exec, or one
-// line for a shell.
-std::vector<std::string> peerCommand();
+// The peer daemon's command line for a shell, behind the emulator of a cross build.
 std::string peerCommandLine();
 
 class TestPeer {
@@ -73,7 +72,7 @@ class RawClient {
 
 // A whole message of kind: the header, then the payload written by fill (if any).
 std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq = 1,
-                             void (*fill)(vrowire::Writer&) = nullptr);
+                             const std::function<void(vrowire::Writer&)>& fill = nullptr);
 // A Register message of the records, with flags.
 std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records,
                                      uint32_t flags = 0);
