@@ -1,20 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // The IPC link between two real processes: the manager here, through the socket client, and the
-// peer daemon in a child process.
+// peer daemon in a child process; and the peer against raw and hostile clients.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FreshProcess.h"
 #include "IPCClientShmMgr.h"
 #include "LeakGuard.h"
 #include "PeerCommands.h"
@@ -26,6 +32,8 @@ namespace vrotest {
 namespace {
 
 using namespace NSCam::ipc::wrapper;
+using vrowire::Kind;
+using vrowire::Record;
 
 const IPCClientShmMgr::Identifier kOwner{IPC_USER_ISP, 1, 7};
 
@@ -50,11 +58,25 @@ std::vector<ShmMemInfo> ownBatch(size_t count, unsigned int type, size_t unseale
   return batch;
 }
 
-class PeerLinkTest : public ::testing::Test {
+// The output of a shell command.
+std::string run(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  char chunk[4096];
+  for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
+    out.append(chunk, n);
+  }
+  if (pipe != nullptr) pclose(pipe);
+  return out;
+}
+
+class PeerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_NE(client, nullptr);
-    ASSERT_NO_FATAL_FAILURE(startPeer());
+    const mode_t old = umask(0);  // the socket's mode must not depend on it
+    startPeer();
+    umask(old);
     mgr = IPCClientShmMgr::getInstance();
     leaks.emplace();
   }
@@ -65,6 +87,7 @@ class PeerLinkTest : public ::testing::Test {
     EXPECT_EQ(holdings().memories, 0u);
     peerLeaks->expectNoLeaks();
     EXPECT_EQ(peer.stop(), 0) << peer.log();
+    EXPECT_TRUE(peer.logShows("stopped: released 0 memories of 1 clients\n")) << peer.log();
     EXPECT_NE(access(linkSocket().c_str(), F_OK), 0) << "the peer left its socket file";
     leaks->expectNoLeaks();
   }
@@ -96,7 +119,7 @@ class PeerLinkTest : public ::testing::Test {
 
 // Memory that the manager allocated and memory that it registered reach the peer, which reads
 // what this process wrote, and this process reads what the peer wrote.
-TEST_F(PeerLinkTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
+TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
   ShmMemAlloc allocs[] = {{"link-a", 1, 4096}, {"link-b", 2, 3 * 4096}};
   ASSERT_EQ(mgr->allocateAllShmMems(kOwner, allocs, 2), 0);
   const Region own = makeRegion(8192, "link-own", kRegionSeals);
@@ -122,7 +145,7 @@ TEST_F(PeerLinkTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
 
 // A batch that takes many messages is registered whole or not at all, and its release takes
 // several deregistration messages.
-TEST_F(PeerLinkTest, ABatchBeyondOneMessageIsAllOrNothing) {
+TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
   rlimit files{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
   if (files.rlim_max < 2500) GTEST_SKIP() << "needs 2500 descriptors";
@@ -139,7 +162,7 @@ TEST_F(PeerLinkTest, ABatchBeyondOneMessageIsAllOrNothing) {
 }
 
 // Every refusal of the peer, and of the client before sending, is what the caller gets.
-TEST_F(PeerLinkTest, ThePeersRefusalsReachTheCallerUnchanged) {
+TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_NO_FATAL_FAILURE(startPeer({"--max-memories", "3", "--max-bytes", "64K"}));
   int pipeFds[2];
@@ -207,7 +230,7 @@ TEST_F(PeerLinkTest, ThePeersRefusalsReachTheCallerUnchanged) {
 
 // When the peer dies every call fails with a negative errno while releases still unmap and
 // close, with one warning for them all; a peer that comes back is reconnected at the next call.
-TEST_F(PeerLinkTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
+TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ShmMemAlloc alloc{"before-death", 1, 4096};
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   ShmMemInfo info;
@@ -235,7 +258,7 @@ TEST_F(PeerLinkTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
 
 // Whichever call comes first after the peer came back reconnects by itself, and waitForPeer
 // waits for a peer that is still starting.
-TEST_F(PeerLinkTest, EveryCallReconnectsToAPeerThatCameBack) {
+TEST_F(PeerTest, EveryCallReconnectsToAPeerThatCameBack) {
   const Region own = makeRegion(4096, "again", kRegionSeals);
   ShmMemInfo out;
   PeerHoldings held{};
@@ -265,7 +288,7 @@ TEST_F(PeerLinkTest, EveryCallReconnectsToAPeerThatCameBack) {
 
 // A client that dies loses everything it registered in the peer at once, and the peer goes on
 // serving the other clients.
-TEST_F(PeerLinkTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
+TEST_F(PeerTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
   int ready[2];
   ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
   const pid_t child = fork();
@@ -292,6 +315,196 @@ TEST_F(PeerLinkTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
   ShmMemAlloc alloc{"survivor", 1, 4096};
   EXPECT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
+}
+
+// The socket file is the peer's uid's alone, a second peer does not take it over, and a client
+// of another uid that reaches it anyway is refused.
+TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
+  struct stat st {};
+  ASSERT_EQ(stat(peer.socket().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode, S_IFSOCK | 0600);
+  EXPECT_NE(run(peerCommandLine() + " --socket " + peer.socket() + " 2>&1")
+                .find("Address already in use"),
+            std::string::npos);
+  ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
+
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
+  const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
+  ASSERT_EQ(chmod(dir.c_str(), 0711), 0);
+  ASSERT_EQ(chmod(peer.socket().c_str(), 0666), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
+    SocketClient other(peer.socket(), 2000);
+    _exit(other.waitForPeer(0) < 0 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << "a client of uid 65534 was served";
+  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(child) +
+                            " uid 65534: neither the peer's uid nor root\n"));
+}
+
+// Every malformed or refused message gets its error, or ends its own connection; no descriptor
+// it carried stays open in the peer, and the other clients are served on.
+TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
+  const Region memory = makeRegion(4096, "raw", kRegionSeals);
+  const Region other = makeRegion(4096, "raw", kRegionSeals);
+  int pipeFds[2];
+  ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
+  const Record record{1, 0, 4096, "raw"};
+  const auto sized = [&](int64_t size) { return registerMessage({Record{1, 0, size, "raw"}}); };
+  const auto edited = [](std::vector<uint8_t> bytes, size_t at, uint8_t value, size_t n = 1) {
+    memset(&bytes[at], value, n);
+    return bytes;
+  };
+  const auto handleFive = [](vrowire::Writer& out) { out.u32(1), out.i32(5); };
+  const struct {
+    const char* what;
+    std::vector<uint8_t> bytes;
+    std::vector<int> fds;
+    int expected;
+  } cases[] = {
+      {"shorter than a header", {1, 0, 1}, {}, -EBADMSG},
+      {"length beyond the bytes", edited(message(Kind::Ping), 8, 4), {}, -EBADMSG},
+      {"other version", edited(message(Kind::Ping), 0, 2), {}, -EPROTONOSUPPORT},
+      {"unknown kind", message(static_cast<Kind>(99)), {}, -EOPNOTSUPP},
+      {"longer than any message", std::vector<uint8_t>(vrowire::kMaxMessage + 1), {}, -EMSGSIZE},
+      {"65 records", registerMessage(std::vector<Record>(65, record)), {}, -EBADMSG},
+      {"a record without descriptor", registerMessage({record}), {}, -EBADF},
+      {"two descriptors, one record", registerMessage({record}), {memory.fd, other.fd}, -EBADMSG},
+      {"a descriptor with a ping", message(Kind::Ping), {memory.fd}, -EBADMSG},
+      {"a name without terminator",
+       edited(registerMessage({record}), vrowire::kHeaderSize + 24, 'x', vrowire::kNameSize),
+       {memory.fd},
+       -EBADMSG},
+      {"a pipe", registerMessage({record}), {pipeFds[0]}, -ENODEV},
+      {"a negative size", sized(-4096), {memory.fd}, -EINVAL},
+      {"a huge size", sized(int64_t{1} << 62), {memory.fd}, -EOVERFLOW},
+      {"one handle twice", registerMessage({record, record}), {memory.fd, other.fd}, -EEXIST},
+      {"a continuation of no batch",
+       registerMessage({record}, vrowire::kContinue),
+       {memory.fd},
+       -EPROTO},
+      {"deregistration of an unknown handle",
+       message(Kind::Deregister, 1, handleFive),
+       {},
+       -ENOENT},
+      {"a status page beyond the text",
+       message(Kind::Status, 1, [](vrowire::Writer& out) { out.u32(1u << 20); }),
+       {},
+       -EINVAL},
+      {"an empty message", {}, {}, -ECONNRESET},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(RawClient(peer.socket()).send(c.bytes, c.fds), c.expected) << c.what;
+  freeRegion(memory);
+  freeRegion(other);
+  close(pipeFds[0]);
+  close(pipeFds[1]);
+}
+
+// --status lists each client with its memories and the totals, names escaped so that a client
+// cannot forge lines; a batch staged but never finished is dropped with the next request.
+TEST_F(PeerTest, StatusListsEachClientsMemoriesWithNamesEscaped) {
+  SocketClient other(peer.socket(), 2000);
+  const Region plain = makeRegion(4096, "plain", kRegionSeals);
+  const Region evil = makeRegion(8192, "evil", kRegionSeals);
+  std::vector<ShmMemInfo> infos{{"plain", 4, 4096, plain.fd, plain.addr, 1},
+                                {"evil\x1b[31m\tname", 4, 8192, evil.fd, evil.addr, 2}};
+  ASSERT_EQ(other.registerShms(infos), 0);
+  RawClient staging(peer.socket());
+  ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
+  const LeakGuard beforeStaging(peer.pid());
+  ASSERT_EQ(
+      staging.send(registerMessage({Record{1, 0, 4096, "staged"}}, vrowire::kMore), {plain.fd}), 0);
+  ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
+  beforeStaging.expectNoLeaks();
+
+  const std::string status = run(peerCommandLine() + " --status --socket " + peer.socket());
+  const std::string me =
+      "client pid " + std::to_string(getpid()) + " uid " + std::to_string(getuid());
+  EXPECT_NE(status.find(me + ": 2 memories, 12288 bytes\n"), std::string::npos) << status;
+  EXPECT_NE(status.find("  handle 1 type 4 size 4096 name plain\n"), std::string::npos);
+  EXPECT_NE(status.find("  handle 2 type 4 size 8192 name evil\\x1b[31m\\x09name\n"),
+            std::string::npos);
+  EXPECT_NE(status.find("total: 3 clients, 2 memories, 12288 bytes\n"), std::string::npos);
+  freeRegion(plain);
+  freeRegion(evil);
+}
+
+// Calls from several threads never interleave on the one connection: each gets its own answer.
+TEST_F(PeerTest, CallsFromSeveralThreadsGetTheirOwnAnswers) {
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      const Region region = makeRegion(4096, "threaded", kRegionSeals);
+      for (int i = 0; i < 50; ++i) {
+        std::vector<ShmMemInfo> infos{{"threaded", 0, 4096, region.fd, region.addr, t * 1000 + i}};
+        PeerHoldings held{};
+        if (client->registerShms(infos) != 0 ||
+            client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)) != 0 ||
+            held.memories == 0 || client->deregisterShms(infos) != 0) {
+          ++failures;
+        }
+      }
+      freeRegion(region);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+}
+
+// A peer out of descriptors refuses a new client at once, neither leaving it waiting nor
+// spinning, and serves the clients it has.
+TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
+  const auto highest = static_cast<rlim_t>(LeakGuard::openDescriptors(peer.pid()).rbegin()->first);
+  const rlimit low{highest + 3, highest + 3};
+  ASSERT_EQ(prlimit(peer.pid(), RLIMIT_NOFILE, &low, nullptr), 0);
+  std::vector<std::unique_ptr<RawClient>> clients;
+  int answer = 0;
+  while (answer == 0 && clients.size() < 16) {
+    clients.push_back(std::make_unique<RawClient>(peer.socket()));
+    answer = clients.back()->send(message(Kind::Ping));
+  }
+  EXPECT_TRUE(answer == -ECONNRESET || answer == -EPIPE) << "not refused at once: " << answer;
+  EXPECT_TRUE(peer.logShows("refused a client: out of descriptors\n"));
+  clients.pop_back();
+  for (const auto& client : clients) EXPECT_EQ(client->send(message(Kind::Ping)), 0);
+  clients.erase(clients.begin());
+  EXPECT_EQ(clients[0]->send(message(Kind::Ping)), 0);
+  RawClient later(peer.socket());
+  EXPECT_EQ(later.send(message(Kind::Ping)), 0);
+}
+
+// A call that gets no answer fails with -ETIMEDOUT once VROCAM_IPC_TIMEOUT_MS passed, instead of
+// hanging, and so does the next one; each lost connection is logged.
+TEST(SocketClientTest, ACallThatGetsNoAnswerTimesOut) {
+  RUN_IN_FRESH_PROCESS();  // the process-wide client is made for this test's socket
+  LeakGuard leaks;
+  const Region region = makeRegion(4096, "unanswered", kRegionSeals);
+  {
+    TestPeer silent;
+    ASSERT_NO_FATAL_FAILURE(silent.start());
+    ASSERT_EQ(kill(silent.pid(), SIGSTOP), 0);  // connections wait in its backlog, unanswered
+    setenv("VROCAM_IPC_SOCKET", silent.socket().c_str(), 1);
+    setenv("VROCAM_IPC_TIMEOUT_MS", "100", 1);
+    SocketClient* client = SocketClient::shared();
+    ASSERT_NE(client, nullptr);
+    StderrCapture warnings;
+    ShmMemInfo info("unanswered", 0, 4096, region.fd, region.addr, 1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client->registerShm(info), -ETIMEDOUT);
+    EXPECT_EQ(client->waitForPeer(0), -ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
+        << "the timeout of the environment was not used";
+    const std::string lost = "W/VroIPCClient(" + std::to_string(getpid()) + "): lost the peer at " +
+                             silent.socket() + ": Connection timed out\n";
+    EXPECT_EQ(warnings.text(), lost + lost);
+  }
+  freeRegion(region);
+  leaks.expectNoLeaks();
 }
 
 }  // namespace
