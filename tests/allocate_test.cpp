@@ -38,24 +38,6 @@ class AllocateTest : public ManagerTest {
   std::string refuse = "-";      // registerShm returns 7 for a record of this name
 };
 
-// Without a client both forms fail and log it, creating nothing and consuming no handle.
-TEST_F(AllocateTest, NoClientChangesNothing) {
-  const int handle = Inspector::nextHandle(*mgr);
-  ShmMemAlloc req{"none", 1, 4096};
-  Inspector::setClient(*mgr, nullptr);
-  EXPECT_EQ(mgr->allocateShmMem(kId, req), -1);
-  EXPECT_EQ(mgr->allocateAllShmMems(kUser, 7, &req, 1), -1);
-  Inspector::setClient(*mgr, TestClientFactory::forwarder());
-  EXPECT_EQ(log.texts(),
-            (std::vector<std::string>{"[allocateShmMem] error: no Vro IPCClient\n",
-                                      "[allocateAllShmMems] error: no Vro IPCClient\n"}));
-  EXPECT_TRUE(seen.empty());
-  EXPECT_TRUE(Inspector::registry(*mgr).empty());
-  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
-  EXPECT_EQ(seen.at(0).handle, handle);
-  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
-}
-
 // The direct form maps a write-only shared duplicate, closes the original, cuts names at NUL.
 TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
   int fd = -5;

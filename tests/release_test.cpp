@@ -269,23 +269,31 @@ TEST_F(ReleaseTest, ReleaseAllInKeyThenDescriptorOrder) {
   for (const Mem& mem : m) EXPECT_TRUE(gone(mem));
 }
 
-// Without a client every registry form returns -1 with one error line and changes nothing.
+// Without a client every form that allocates or releases returns -1 with one error line, and
+// changes nothing: no region made, no handle taken, no record dropped, nothing unmapped.
 TEST_F(ReleaseTest, NoClientChangesNothing) {
   const Id id = owner(1);
   const Mem mem = put(id, kType)[0];
+  const int handle = Inspector::nextHandle(*mgr);
   ShmMemAlloc alloc{"a", kType, 1};
   Inspector::setClient(*mgr, nullptr);
   log.clear();
+  FaultScope scope;
+  EXPECT_EQ(mgr->allocateShmMem(id, alloc), -1);
+  EXPECT_EQ(mgr->allocateAllShmMems(id.user, 0, &alloc, 1), -1);
   EXPECT_EQ(mgr->releaseShmMem(id, kType, true, -1), -1);
   EXPECT_EQ(mgr->releaseShmMem(id, kType, true, mem.fd), -1);
   EXPECT_EQ(mgr->releaseShmMem(id, &alloc, 1), -1);
   EXPECT_EQ(mgr->releaseShmMem(id, Types{kType}), -1);
   EXPECT_EQ(mgr->releaseAllShmMems(), -1);
   EXPECT_TRUE(Inspector::lockFree(*mgr) && held(mem) && sent.empty());
+  EXPECT_EQ(scope.count(Fn::AshmemCreate) + scope.count(Fn::Munmap), 0);
+  EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
   EXPECT_EQ(recordsUnder(id, kType), 1);
   const std::string none = "error: no Vro IPCClient\n";
   EXPECT_THAT(log.texts(),
-              ElementsAre("[releaseShmMem] " + none, "[releaseShmMem] " + none,
+              ElementsAre("[allocateShmMem] " + none, "[allocateAllShmMems] " + none,
+                          "[releaseShmMem] " + none, "[releaseShmMem] " + none,
                           "[releaseShmMem] " + none, "[releaseShmMem] " + none,
                           "[releaseAllShmMems] Release all registered shared memories.\n",
                           "[releaseAllShmMems] " + none));
