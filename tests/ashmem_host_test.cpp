@@ -16,9 +16,7 @@
 
 using vrotest::LeakGuard;
 
-// A region shows its name (or "none") and its size, keeps that size against a peer's truncation,
-// is shared with a child that writes it, does not survive exec, and once its write protection is
-// dropped maps read-only but never writable again; pinning is a no-op.
+// A region is named, fixed-size, shared across fork, closed on exec, and write-protectable once.
 TEST(AshmemHostTest, RegionIsNamedSealedSharedAndProtectable) {
   LeakGuard leaks;
   std::vector<int> fds;
@@ -69,9 +67,7 @@ TEST(AshmemHostTest, RegionIsNamedSealedSharedAndProtectable) {
   leaks.expectNoLeaks();
 }
 
-// ashmem_valid is 1 only for the stand-in's own regions, 0 for other open descriptors, -1 for bad
-// ones; bad descriptors, and sizes or names the kernel refuses, give -1 with errno, never a crash
-// or a leak.
+// ashmem_valid knows only own regions; bad descriptors, sizes or names give -1 with errno, no leak.
 TEST(AshmemHostTest, ValidOnlyForOwnRegionsAndBadRequestsFailCleanly) {
   LeakGuard leaks;
   int pipeFds[2] = {-1, -1};

@@ -14,9 +14,7 @@
 #include "LeakGuard.h"
 #include "LogCapture.h"
 
-// Each call opens the file once and closes that descriptor once, returns the number leading its
-// first three characters and logs it, or logs one warning and returns 0 when the file is missing
-// or empty; no temporary file or descriptor stays behind. Descriptor 0 is opened like any other.
+// One open and close per call: the leading number of 3 chars, or 0 and a warning if unreadable.
 TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
   const std::string path = "/sys/class/BOOT/BOOT/boot/boot_mode";
   const std::string file = testing::TempDir() + "boot_mode_" + std::to_string(getpid());

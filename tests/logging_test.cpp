@@ -130,8 +130,7 @@ TEST(GatedLogTest, LevelRecordsAndLoggerObject) {
   EXPECT_EQ(log.printed()[1].format.rfind("<warn>[LogTest] ", 0), 0u);
 }
 
-// Unified lines are cut to 1023 chars with their full length, an empty one is still a line; a
-// 1024-char debug print aborts.
+// Unified lines are cut to 1023 chars keeping their length; a 1024-char debug print aborts.
 TEST(GatedLogTest, LongLines) {
   GTEST_FLAG_SET(death_test_style, "fast");  // a new process of the executable needs no emulator
   LogCapture log;
@@ -178,8 +177,7 @@ std::string hostLine(const char* message) {
   return line.compare(0, head.size(), head) == 0 ? line.substr(head.size()) : "bad head: " + line;
 }
 
-// The host back end writes each message as one line: its trailing line breaks end it, every
-// other control character shows as an escape, and a long message is cut, never inside an escape.
+// Host log lines end at their trailing breaks, escape other controls, and are cut between escapes.
 TEST(HostLogLineTest, ControlCharactersShowAsEscapes) {
   const std::pair<std::string, std::string> cases[] = {
       {"[init] m_DbgLog:0\n", "[init] m_DbgLog:0\n"},

@@ -117,8 +117,7 @@ class PeerTest : public ::testing::Test {
   std::optional<LeakGuard> leaks, peerLeaks;
 };
 
-// Memory that the manager allocated and memory that it registered reach the peer, which reads
-// what this process wrote, and this process reads what the peer wrote.
+// Allocated and registered memory reach the peer, and each side reads what the other wrote.
 TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
   ShmMemAlloc allocs[] = {{"link-a", 1, 4096}, {"link-b", 2, 3 * 4096}};
   ASSERT_EQ(mgr->allocateAllShmMems(kOwner, allocs, 2), 0);
@@ -143,8 +142,7 @@ TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
   EXPECT_EQ(holdings().memories, 2u);
 }
 
-// A batch that takes many messages is registered whole or not at all, and its release takes
-// several deregistration messages.
+// A batch of many messages is registered whole or not at all, and released in several messages.
 TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
   rlimit files{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &files), 0);
@@ -228,8 +226,7 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   EXPECT_EQ(client->sendCommand(99, &sum, sizeof(sum)), -EOPNOTSUPP);
 }
 
-// When the peer dies every call fails with a negative errno while releases still unmap and
-// close, with one warning for them all; a peer that comes back is reconnected at the next call.
+// A dead peer fails calls with one warning, releases still free memory, and a new peer is used.
 TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ShmMemAlloc alloc{"before-death", 1, 4096};
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
@@ -256,8 +253,7 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   EXPECT_EQ(holdings().memories, 1u);
 }
 
-// Whichever call comes first after the peer came back reconnects by itself, and waitForPeer
-// waits for a peer that is still starting.
+// Any first call reconnects to a restarted peer, and waitForPeer waits for one still starting.
 TEST_F(PeerTest, EveryCallReconnectsToAPeerThatCameBack) {
   const Region own = makeRegion(4096, "again", kRegionSeals);
   ShmMemInfo out;
@@ -286,8 +282,7 @@ TEST_F(PeerTest, EveryCallReconnectsToAPeerThatCameBack) {
   snapshotPeer();
 }
 
-// A client that dies loses everything it registered in the peer at once, and the peer goes on
-// serving the other clients.
+// A dead client's memories are dropped at once, and the peer serves the others on.
 TEST_F(PeerTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
   int ready[2];
   ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
@@ -317,8 +312,7 @@ TEST_F(PeerTest, AClientThatDiesIsCleanedUpAndTheOthersAreServed) {
   EXPECT_EQ(holdings().memories, 1u);
 }
 
-// The socket file is the peer's uid's alone, a second peer does not take it over, and a client
-// of another uid that reaches it anyway is refused.
+// The socket is private, not taken over by a second peer, and refuses clients of another uid.
 TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   struct stat st {};
   ASSERT_EQ(stat(peer.socket().c_str(), &st), 0);
@@ -345,8 +339,7 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
                             " uid 65534: neither the peer's uid nor root\n"));
 }
 
-// Every malformed or refused message gets its error, or ends its own connection; no descriptor
-// it carried stays open in the peer, and the other clients are served on.
+// Each malformed message gets its error or ends its connection, leaking no descriptor it carried.
 TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
   const Region memory = makeRegion(4096, "raw", kRegionSeals);
   const Region other = makeRegion(4096, "raw", kRegionSeals);
@@ -404,8 +397,7 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
   close(pipeFds[1]);
 }
 
-// --status lists each client with its memories and the totals, names escaped so that a client
-// cannot forge lines; a batch staged but never finished is dropped with the next request.
+// --status lists clients, memories and totals with names escaped; an unfinished batch is dropped.
 TEST_F(PeerTest, StatusListsEachClientsMemoriesWithNamesEscaped) {
   SocketClient other(peer.socket(), 2000);
   const Region plain = makeRegion(4096, "plain", kRegionSeals);
@@ -456,8 +448,7 @@ TEST_F(PeerTest, CallsFromSeveralThreadsGetTheirOwnAnswers) {
   EXPECT_EQ(failures, 0);
 }
 
-// A peer out of descriptors refuses a new client at once, neither leaving it waiting nor
-// spinning, and serves the clients it has.
+// A peer out of descriptors refuses a new client at once and serves the clients it has.
 TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
   const auto highest = static_cast<rlim_t>(LeakGuard::openDescriptors(peer.pid()).rbegin()->first);
   const rlimit low{highest + 3, highest + 3};
@@ -478,8 +469,7 @@ TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
   EXPECT_EQ(later.send(message(Kind::Ping)), 0);
 }
 
-// A call that gets no answer fails with -ETIMEDOUT once VROCAM_IPC_TIMEOUT_MS passed, instead of
-// hanging, and so does the next one; each lost connection is logged.
+// Unanswered calls fail with -ETIMEDOUT after VROCAM_IPC_TIMEOUT_MS, each loss logged once.
 TEST(SocketClientTest, ACallThatGetsNoAnswerTimesOut) {
   RUN_IN_FRESH_PROCESS();  // the process-wide client is made for this test's socket
   LeakGuard leaks;

@@ -92,8 +92,7 @@ class ReleaseTest : public ManagerTest {
   int answer = 0;                             // what deregisterShms returns
 };
 
-// Descriptor -1 sends the whole key in one call in descriptor order, frees the records in that
-// order and erases the key.
+// Descriptor -1 sends and frees the whole key in descriptor order in one call, then erases it.
 TEST_F(ReleaseTest, WholeKeyInDescriptorOrder) {
   const Id id = owner(-1, 0xFFFFFFFFu, 1ULL << 40);
   const std::vector<Mem> m = put(id, kType, 3);
@@ -109,10 +108,7 @@ TEST_F(ReleaseTest, WholeKeyInDescriptorOrder) {
   EXPECT_EQ(recordsUnder(id, kType), -1);
 }
 
-// One descriptor frees only its record and keeps the key, even empty; -1 and unknown descriptors
-// then find nothing, and the list form erases the empty key without any call. The descriptor is
-// looked up under user id 0: a record held only under another id is missed, while the user-id-0
-// record is freed and the caller's own key is the one updated (created empty).
+// One descriptor (looked up under user id 0) frees only its record; the caller's key stays.
 TEST_F(ReleaseTest, OneDescriptor) {
   const Id id = owner(1), five = owner(1, 0, 5), seven = owner(1, 0, 7);
   const std::vector<Mem> m = put(id, kType, 2);
@@ -146,8 +142,7 @@ TEST_F(ReleaseTest, OneDescriptor) {
   EXPECT_EQ(sent.size(), 4u);
 }
 
-// Without bReleaseBuf the records are deregistered and forgotten but stay mapped and open; the
-// raw form frees them, passing a size of -1 on as the largest length.
+// Without bReleaseBuf memory stays mapped and open; the raw form frees it, size -1 as SIZE_MAX.
 TEST_F(ReleaseTest, KeptBuffersFreedByRawForm) {
   const std::vector<Mem> m = put(owner(3, 3), kType, 2);
   {
@@ -173,8 +168,7 @@ TEST_F(ReleaseTest, KeptBuffersFreedByRawForm) {
   EXPECT_EQ(sent.size(), 1u);
 }
 
-// Core form, types form and release of everything return the client's refusal after one error
-// line, and still unmap (a size of 2^31 widened as signed), close and forget the memory.
+// A refused deregistration is returned after one error line, and the memory is freed anyway.
 TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
   const Id id = owner(0);
   const struct {
@@ -201,9 +195,7 @@ TEST_F(ReleaseTest, RefusedDeregistrationStillFrees) {
   }
 }
 
-// The list form returns the last element's result: a refused first type is only logged, an
-// unknown last type gives 0, and a refused last type gives its value. Its IPC_USER twin works
-// under user id 0.
+// The list form (and its IPC_USER twin, under user id 0) returns the last element's result.
 TEST_F(ReleaseTest, ListFormReturnsLastResult) {
   ShmMemAlloc allocs[2] = {{"a", kType, 1}, {"b", 99, 1}};
   for (int last : {0, 5}) {
@@ -223,8 +215,7 @@ TEST_F(ReleaseTest, ListFormReturnsLastResult) {
   }
 }
 
-// The types form finding nothing makes no call and erases no key, not even an empty one; else it
-// sends in list order then descriptor order, repeats a type listed twice, erases listed keys.
+// The types form sends in list then descriptor order and erases listed keys; none found, no call.
 TEST_F(ReleaseTest, TypesFormGathersInListOrder) {
   const Id id = owner(2, 2), other = owner(2, 2, 9);
   // Frees the record of id (descriptors are looked up under user id 0), leaving other's key empty.
@@ -249,8 +240,7 @@ TEST_F(ReleaseTest, TypesFormGathersInListOrder) {
   for (const Mem& mem : m) freeRegion(mem);
 }
 
-// Release of everything sends all records in one call in key order (user -1 before user 0), then
-// descriptor order, frees them in that order, drops empty keys too and leaves the handle counter.
+// Release of everything goes in key then descriptor order and leaves the handle counter alone.
 TEST_F(ReleaseTest, ReleaseAllInKeyThenDescriptorOrder) {
   ASSERT_EQ(mgr->releaseShmMem(owner(0), 2, true, put(owner(0), 2)[0].fd), 0);
   const std::vector<Mem> low = put(owner(0), 1, 2), high = put(owner(-1), 1, 2);
@@ -269,8 +259,7 @@ TEST_F(ReleaseTest, ReleaseAllInKeyThenDescriptorOrder) {
   for (const Mem& mem : m) EXPECT_TRUE(gone(mem));
 }
 
-// Without a client every form that allocates or releases returns -1 with one error line, and
-// changes nothing: no region made, no handle taken, no record dropped, nothing unmapped.
+// Without a client every allocating or releasing form returns -1, logs once, and changes nothing.
 TEST_F(ReleaseTest, NoClientChangesNothing) {
   const Id id = owner(1);
   const Mem mem = put(id, kType)[0];
@@ -302,8 +291,7 @@ TEST_F(ReleaseTest, NoClientChangesNothing) {
   EXPECT_TRUE(gone(mem));
 }
 
-// Release detail lines need m_DbgLog not 0 (negative included); the release-all line needs none.
-// An empty list and an empty registry: the only call is release-all's, with an empty list.
+// Release detail lines need m_DbgLog not 0, the release-all line none; empty calls send nothing.
 TEST_F(ReleaseTest, DetailLinesFollowDbgLog) {
   const Id id = owner(-2, 0xFFFFFFFEu, 1ULL << 33);
   const std::string head = "[releaseShmMem] [User:-2, Sensor:4294967294, UserId:8589934592]";

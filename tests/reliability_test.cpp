@@ -84,10 +84,7 @@ void cycle(IPCClientShmMgr* mgr, const Id& id, std::vector<int>* handles) {
   for (unsigned int type = 0; type < 4; ++type) EXPECT_EQ(mgr->getShmInfo(out, id, type, -1), -1);
 }
 
-// Several threads running every operation on keys of their own at once, with verbosity changes
-// in between; after each round the array-form release (which erases without the lock, by design)
-// or the release of everything runs alone. Handles stay unique and increasing, the registry
-// matches the client, and nothing is left open or mapped.
+// Threads running every operation at once keep handles unique and the registry equal to the client.
 TEST(ManagerStressTest, EveryOperationFromSeveralThreads) {
   LeakGuard leaks;
   IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
@@ -152,8 +149,7 @@ class DescriptorSqueeze {
   std::vector<int> mHeld;
 };
 
-// Out of descriptors, allocation fails with its error lines and -1 and keeps nothing of the
-// attempt; with descriptors back the manager works and a release of everything ends clean.
+// Out of descriptors allocation fails with -1 and its lines, keeps nothing, and works again later.
 TEST(ManagerExhaustionTest, AllocationFailsCleanlyAndRecovers) {
   IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
   LeakGuard leaks;

@@ -17,9 +17,7 @@
 using NSCam::utils::sys::SharedMemory;
 using vrotest::Fn;
 
-// Each failing step yields -1, ends the create/protect/check sequence there, closes exactly the
-// new descriptor (nothing when creation failed) and logs its error on both sinks, followed by the
-// close's own error when that close fails.
+// Each failing step returns -1, closes only the new descriptor, and logs on both sinks.
 TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
   const std::string prot = std::string("set memory protection failed(") + strerror(EPERM) + ")";
   const std::string created = "create shared memory failed", invalid = "invalid ashem fd";
@@ -70,9 +68,7 @@ TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
   }
 }
 
-// On success the wrapper owns the created descriptor itself (nothing closed or logged), name and
-// size reach the region unchanged, and the region maps read-write and shared: what one mapping
-// writes, a second one reads.
+// On success the wrapper owns the created region, unchanged, shared, with nothing closed or logged.
 TEST(SharedMemoryTest, SuccessOwnsTheCreatedRegionWhichIsShared) {
   const std::pair<std::string, size_t> cases[] = {{"vrocam-buf", 4096}, {"", 1}, {"odd", 12345}};
   for (const auto& [name, size] : cases) {
