@@ -352,6 +352,9 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
     return bytes;
   };
   const auto handleFive = [](vrowire::Writer& out) { out.u32(1), out.i32(5); };
+  const auto unterminated =
+      edited(registerMessage({record}), vrowire::kHeaderSize + 24, 'x', vrowire::kNameSize);
+  const auto pageBeyond = [](vrowire::Writer& out) { out.u32(1u << 20); };
   const struct {
     const char* what;
     std::vector<uint8_t> bytes;
@@ -367,26 +370,14 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
       {"a record without descriptor", registerMessage({record}), {}, -EBADF},
       {"two descriptors, one record", registerMessage({record}), {memory.fd, other.fd}, -EBADMSG},
       {"a descriptor with a ping", message(Kind::Ping), {memory.fd}, -EBADMSG},
-      {"a name without terminator",
-       edited(registerMessage({record}), vrowire::kHeaderSize + 24, 'x', vrowire::kNameSize),
-       {memory.fd},
-       -EBADMSG},
+      {"no name end", unterminated, {memory.fd}, -EBADMSG},
       {"a pipe", registerMessage({record}), {pipeFds[0]}, -ENODEV},
       {"a negative size", sized(-4096), {memory.fd}, -EINVAL},
       {"a huge size", sized(int64_t{1} << 62), {memory.fd}, -EOVERFLOW},
       {"one handle twice", registerMessage({record, record}), {memory.fd, other.fd}, -EEXIST},
-      {"a continuation of no batch",
-       registerMessage({record}, vrowire::kContinue),
-       {memory.fd},
-       -EPROTO},
-      {"deregistration of an unknown handle",
-       message(Kind::Deregister, 1, handleFive),
-       {},
-       -ENOENT},
-      {"a status page beyond the text",
-       message(Kind::Status, 1, [](vrowire::Writer& out) { out.u32(1u << 20); }),
-       {},
-       -EINVAL},
+      {"no batch to go on", registerMessage({record}, vrowire::kContinue), {memory.fd}, -EPROTO},
+      {"unknown handle", message(Kind::Deregister, 1, handleFive), {}, -ENOENT},
+      {"status page past end", message(Kind::Status, 1, pageBeyond), {}, -EINVAL},
       {"an empty message", {}, {}, -ECONNRESET},
   };
   for (const auto& c : cases)
