@@ -137,7 +137,7 @@ using vrotest::real;
 extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd,
                       off_t offset) noexcept {
   long failed = 0;
-  void* result = reinterpret_cast<void*>(failed);
+  void* result = nullptr;
   if (intercept(Fn::Mmap, &failed)) {
     result = reinterpret_cast<void*>(failed);
   } else if (const auto realMmap = real<decltype(&mmap)>(Fn::Mmap, "mmap")) {
