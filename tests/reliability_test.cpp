@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>

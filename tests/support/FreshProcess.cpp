@@ -15,6 +15,13 @@
 namespace vrotest {
 constexpr char kFreshVariable[] = "VROTEST_FRESH_TEST";
 
+std::vector<std::string> emulatorCommand() {
+  std::vector<std::string> command;
+  std::istringstream words(VROCAM_TEST_EMULATOR);
+  for (std::string word; words >> word;) command.push_back(word);
+  return command;
+}
+
 bool InFreshProcess() {
   const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(info->test_suite_name()) + "." + info->name();
@@ -24,9 +31,7 @@ bool InFreshProcess() {
   // Under an emulator /proc/self/exe names the emulated program, which only the emulator runs.
   char self[PATH_MAX] = {};
   if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) ADD_FAILURE() << "no /proc/self/exe";
-  std::vector<std::string> args;
-  std::istringstream words(VROCAM_TEST_EMULATOR);
-  for (std::string word; words >> word;) args.push_back(word);
+  std::vector<std::string> args = emulatorCommand();
   args.insert(args.end(), {self, "--gtest_filter=" + name, "--gtest_brief=1"});
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);

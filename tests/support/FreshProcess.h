@@ -3,7 +3,14 @@
 // test executable, and the outer run reports that process's result.
 #pragma once
 
+#include <string>
+#include <vector>
+
 namespace vrotest {
+
+// The emulator that runs this build's programs (qemu-user for a cross build), as the start of a
+// command line; empty for a native build.
+std::vector<std::string> emulatorCommand();
 
 // True in the new process, where the test goes on; false in the outer run, after the new process
 // ended (its failure, if any, has been reported).

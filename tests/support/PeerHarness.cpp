@@ -2,6 +2,8 @@
 // The peer daemon as tests see it.
 #include "PeerHarness.h"
 
+#include "FreshProcess.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -28,15 +30,18 @@ namespace {
 
 // The command that runs the peer daemon, through the emulator of a cross build.
 std::vector<std::string> peerCommand() {
-  std::vector<std::string> command;
-  std::istringstream words(VROCAM_TEST_EMULATOR " " VROCAM_PEER_BINARY);
-  for (std::string word; words >> word;) command.push_back(word);
+  std::vector<std::string> command = emulatorCommand();
+  command.push_back(VROCAM_PEER_BINARY);
   return command;
 }
 
 }  // namespace
 
-std::string peerCommandLine() { return VROCAM_TEST_EMULATOR " " VROCAM_PEER_BINARY; }
+std::string peerCommandLine() {
+  std::string line;
+  for (const std::string& word : peerCommand()) line += (line.empty() ? "" : " ") + word;
+  return line;
+}
 
 TestPeer::~TestPeer() {
   mProcess.stop(SIGKILL);
