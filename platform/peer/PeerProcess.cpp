@@ -52,7 +52,9 @@ int PeerProcess::start(const std::vector<std::string>& command, const std::strin
   mPid = fork();
   if (mPid < 0) return -errno;
   if (mPid == 0) {
-    if (log) dup2(log.get(), STDERR_FILENO);
+    // With a log the peer keeps no pipe of ours open: a caller that dies without stopping it
+    // leaves no reader of its output waiting for the peer too.
+    if (log) dup2(log.get(), STDOUT_FILENO), dup2(log.get(), STDERR_FILENO);
     close_range(STDERR_FILENO + 1, ~0u, 0);  // the peer gets stdio and nothing else of ours
     execvp(argv[0], argv.data());
     _exit(127);

@@ -20,9 +20,9 @@ class PeerProcess {
   PeerProcess& operator=(const PeerProcess&) = delete;
 
   // Starts `command... --socket socket extra...` (command: the peer binary, behind an emulator
-  // when there is one; found in PATH), its stderr appended to logPath (unless empty), and waits up
-  // to timeoutMs until it answers a ping. 0, or a negative errno (-ECHILD when the peer exited,
-  // -ETIMEDOUT when it did not answer in time).
+  // when there is one; found in PATH), its stdout and stderr appended to logPath (unless empty),
+  // and waits up to timeoutMs until it answers a ping. 0, or a negative errno (-ECHILD when the
+  // peer exited, -ETIMEDOUT when it did not answer in time).
   int start(const std::vector<std::string>& command, const std::string& socket,
             const std::vector<std::string>& extra = {}, const std::string& logPath = "",
             int timeoutMs = 5000);
