@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <string>
@@ -163,16 +162,9 @@ namespace {
 
 // What the host's stderr logger writes for message, without the "W/Tag(pid): " head.
 std::string hostLine(const char* message) {
-  const int capture = memfd_create("stderr", MFD_CLOEXEC);
-  const int saved = dup(STDERR_FILENO);
-  dup2(capture, STDERR_FILENO);
+  vrotest::StderrCapture capture;
   ULogger().onLogMessage(0, "Tag", 2, message, 0);
-  dup2(saved, STDERR_FILENO);
-  char text[2048] = {};
-  const ssize_t size = pread(capture, text, sizeof(text) - 1, 0);
-  close(saved);
-  close(capture);
-  const std::string line(text, size > 0 ? static_cast<size_t>(size) : 0);
+  const std::string line = capture.text();
   const std::string head = "W/Tag(" + std::to_string(getpid()) + "): ";
   return line.compare(0, head.size(), head) == 0 ? line.substr(head.size()) : "bad head: " + line;
 }

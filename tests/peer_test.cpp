@@ -23,6 +23,7 @@
 #include "FreshProcess.h"
 #include "IPCClientShmMgr.h"
 #include "LeakGuard.h"
+#include "LogCapture.h"
 #include "PeerCommands.h"
 #include "PeerHarness.h"
 #include "SocketClient.h"

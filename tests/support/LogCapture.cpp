@@ -2,6 +2,11 @@
 // LogCapture: a capturing unified logger and a debug-print hook.
 #include "LogCapture.h"
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -86,6 +91,24 @@ void LogCapture::clear() {
   std::lock_guard<std::mutex> guard(gLock);
   gLogged.clear();
   gPrinted.clear();
+}
+
+StderrCapture::StderrCapture()
+    : mFile(memfd_create("stderr", MFD_CLOEXEC)), mSaved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
+  EXPECT_TRUE(mFile >= 0 && mSaved >= 0);
+  dup2(mFile, STDERR_FILENO);
+}
+
+StderrCapture::~StderrCapture() {
+  dup2(mSaved, STDERR_FILENO);
+  close(mSaved);
+  close(mFile);
+}
+
+std::string StderrCapture::text() const {
+  std::string out(static_cast<size_t>(lseek(mFile, 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(mFile, &out[0], out.size(), 0), static_cast<ssize_t>(out.size()));
+  return out;
 }
 
 }  // namespace vrotest

@@ -49,4 +49,17 @@ class LogCapture {
   log_level_info_t mLevels[CAM_DBG_LEVEL_NUM];
 };
 
+// Collects what this process writes to stderr while it lives.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+  std::string text() const;
+
+ private:
+  int mFile, mSaved;
+};
+
 }  // namespace vrotest

@@ -4,7 +4,6 @@
 
 #include "FreshProcess.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -73,21 +72,6 @@ bool TestPeer::logShows(const std::string& text) const {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
-}
-
-StderrCapture::StderrCapture()
-    : mFile(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600)),
-      mSaved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-  EXPECT_TRUE(mFile && mSaved);
-  dup2(mFile.get(), STDERR_FILENO);
-}
-
-StderrCapture::~StderrCapture() { dup2(mSaved.get(), STDERR_FILENO); }
-
-std::string StderrCapture::text() const {
-  std::string out(static_cast<size_t>(lseek(mFile.get(), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(mFile.get(), &out[0], out.size(), 0), static_cast<ssize_t>(out.size()));
-  return out;
 }
 
 RawClient::RawClient(const std::string& socket) {

@@ -45,20 +45,6 @@ class TestPeer {
   vropeer::PeerProcess mProcess;
 };
 
-// Collects what this process writes to stderr while it lives.
-class StderrCapture {
- public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
-  std::string text() const;
-
- private:
-  vrowire::UniqueFd mFile;
-  vrowire::UniqueFd mSaved;
-};
-
 // A connection to the peer that sends whatever bytes and descriptors a test gives it.
 class RawClient {
  public:
