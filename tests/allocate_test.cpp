@@ -75,27 +75,38 @@ TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
   }
 }
 
-// A failed dup or mmap leaves -1/null, closes each descriptor once and logs which call failed.
-TEST_F(AllocateTest, DupAndMmapFailuresCleanUp) {
-  for (const Fn fn : {Fn::Dup, Fn::Mmap}) {
+// A failed region, dup or mmap leaves -1/null, closes each descriptor once, logs which step failed
+// and fails the allocate-and-register form with -1 and its own line.
+TEST_F(AllocateTest, StepFailuresCleanUp) {
+  const std::string region =
+      "[allocateShmMem] error: [Sensor:3] unable to allocate shared memory via IPC SharedMemory\n";
+  for (const Fn fn : {Fn::AshmemCreate, Fn::Dup, Fn::Mmap}) {
     log.clear();
     FaultScope faults;
-    faults.fail(fn, 1, -1, ENOMEM);
+    faults.fail(fn, -1, -1, ENOMEM);
     int fd = 99;
     void* addr = &fd;
     EXPECT_EQ(mgr->allocateShmMem(3, "broken", 4096, &fd, &addr), -1);
     EXPECT_EQ(std::make_pair(fd, addr), std::make_pair(-1, static_cast<void*>(nullptr)));
     const std::vector<int> closed = faults.closedFds();
     const int created = faults.creates().at(0).result;
-    EXPECT_EQ(std::count(closed.begin(), closed.end(), created), 1);
-    std::string error = "[allocateShmMem] error: [Sensor:3] call dup fail\n";
+    EXPECT_EQ(std::count(closed.begin(), closed.end(), created), fn == Fn::AshmemCreate ? 0 : 1);
+    std::vector<std::string> lines = {"[allocateShmMem] sensorIdx:3, name:broken, size:4096\n",
+                                      "[allocateShmMem] error: [Sensor:3] call dup fail\n"};
+    if (fn == Fn::AshmemCreate) lines[1] = "create shared memory failed", lines.push_back(region);
     if (fn == Fn::Mmap) {
       const int dup = faults.mmaps().at(0).fd;
       EXPECT_EQ(std::count(closed.begin(), closed.end(), dup), 1);
-      error = format("[allocateShmMem] error: [Sensor:3] call mmap fail, fd:%d\n", dup);
+      lines[1] = format("[allocateShmMem] error: [Sensor:3] call mmap fail, fd:%d\n", dup);
     }
-    EXPECT_EQ(log.texts(), (std::vector<std::string>{
-                               "[allocateShmMem] sensorIdx:3, name:broken, size:4096\n", error}));
+    EXPECT_EQ(log.texts(), lines);
+    const int handle = Inspector::nextHandle(*mgr);
+    ShmMemAlloc req{"broken", 1, 4096};
+    EXPECT_EQ(mgr->allocateShmMem(kId, req), -1);
+    EXPECT_EQ(log.texts().back(), "[allocateShmMem] error: [" + kOwner +
+                                      "] Unable to allocate shared memory for broken, size:4096\n");
+    EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
+    EXPECT_TRUE(Inspector::registry(*mgr).empty() && seen.empty());
   }
 }
 
