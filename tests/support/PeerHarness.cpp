@@ -2,8 +2,6 @@
 // The peer daemon as tests see it.
 #include "PeerHarness.h"
 
-#include "FreshProcess.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,9 +25,11 @@ TestPeer::TestPeer(std::string socket) : mSocket(std::move(socket)) {
 
 namespace {
 
-// The command that runs the peer daemon, through the emulator of a cross build.
+// The command that runs the peer daemon, through the emulator (qemu-user) of a cross build.
 std::vector<std::string> peerCommand() {
-  std::vector<std::string> command = emulatorCommand();
+  std::vector<std::string> command;
+  std::istringstream words(VROCAM_TEST_EMULATOR);
+  for (std::string word; words >> word;) command.push_back(word);
   command.push_back(VROCAM_PEER_BINARY);
   return command;
 }
