@@ -26,7 +26,6 @@
 #include "PeerCommands.h"
 #include "PeerHarness.h"
 #include "SocketClient.h"
-#include "TestRegion.h"
 
 namespace vrotest {
 namespace {

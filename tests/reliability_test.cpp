@@ -17,7 +17,6 @@
 #include "LogCapture.h"
 #include "ManagerInspector.h"
 #include "PeerCommands.h"
-#include "TestRegion.h"
 
 namespace vrotest {
 namespace {

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// LeakGuard: descriptors from /proc/PID/fd, mappings from /proc/PID/maps.
+// LeakGuard: descriptors from /proc/PID/fd, mappings from /proc/PID/maps; test regions from
+// memfd_create.
 #include "LeakGuard.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -98,6 +100,23 @@ DescriptorZeroFree::~DescriptorZeroFree() {
   }
   dup2(mSaved, 0);
   close(mSaved);
+}
+
+Region makeRegion(unsigned int size, const char* name, int seals) {
+  Region region;
+  region.size = size;
+  region.fd = memfd_create(name, MFD_CLOEXEC | (seals != 0 ? MFD_ALLOW_SEALING : 0));
+  EXPECT_GE(region.fd, 0);
+  EXPECT_EQ(ftruncate(region.fd, size), 0);
+  EXPECT_EQ(seals != 0 ? fcntl(region.fd, F_ADD_SEALS, seals) : 0, 0);
+  region.addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, region.fd, 0);
+  EXPECT_NE(region.addr, MAP_FAILED);
+  return region;
+}
+
+void freeRegion(const Region& region) {
+  munmap(region.addr, region.size);
+  close(region.fd);
 }
 
 }  // namespace vrotest

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // LeakGuard: snapshots the open descriptors and the shared-memory mappings of a process (this one
-// by default), and reports what was left behind since. Beside it, small descriptor helpers.
+// by default), and reports what was left behind since. Beside it, small descriptor helpers and the
+// shared memory tests make themselves.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <map>
@@ -48,5 +50,20 @@ class DescriptorZeroFree {
  private:
   int mSaved;
 };
+
+// A memfd made by a test itself, mapped read-write.
+struct Region {
+  int fd = -1;
+  void* addr = nullptr;
+  unsigned int size = 0;
+};
+
+// A memfd of size bytes named name, with seals added when not 0 (the host ashmem seals regions
+// with F_SEAL_SHRINK | F_SEAL_GROW; the peer takes only memory sealed against shrinking).
+Region makeRegion(unsigned int size, const char* name = "test-region", int seals = 0);
+// Unmaps and closes a region the manager did not release.
+void freeRegion(const Region& region);
+
+constexpr int kRegionSeals = F_SEAL_SHRINK | F_SEAL_GROW;
 
 }  // namespace vrotest

@@ -17,7 +17,6 @@
 #include "LeakGuard.h"
 #include "LogCapture.h"
 #include "ManagerInspector.h"
-#include "TestRegion.h"
 
 namespace vrotest {
 
