@@ -15,6 +15,7 @@
 namespace vrotest {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
 const IPC_USER kUser = static_cast<IPC_USER>(-2);
@@ -149,49 +150,29 @@ TEST_F(AllocateTest, FailuresKeepEarlierRequestsOnly) {
   }
 }
 
-// Records carry type 0, a repeated key keeps only the last, IPC_USER stores under user id 0.
-TEST_F(AllocateTest, RecordHasTypeZeroAndReplacesKey) {
+// Records carry type 0 and consecutive handles, a key keeps its last record, the IPC_USER forms
+// store under user id 0, and a batch of none does nothing.
+TEST_F(AllocateTest, RecordsKeepTheLastOfEachKey) {
   const int handle = Inspector::nextHandle(*mgr);
-  ShmMemAlloc req{"rec", 5, 4096};
-  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
-  ASSERT_EQ(mgr->allocateShmMem(kId, req), 0);
-  ASSERT_EQ(mgr->allocateShmMem(kUser, 7, req), 0);
-  ASSERT_EQ(seen.size(), 3u);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_THAT(seen[i], InfoIs("rec", 0, 4096, seen[i].fd, seen[i].addr, handle + i));
-  }
-  EXPECT_EQ(storedFds(Id{kUser, 7, 0}, 5), std::vector<int>{seen[2].fd});
-  EXPECT_EQ(storedFds(kId, 5), std::vector<int>{seen[1].fd});
-  EXPECT_EQ(mgr->releaseShmMem(4096, seen[0].fd, seen[0].addr), 0);
-  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
-}
-
-// A batch takes consecutive handles and keeps the last request per type; count 0 does nothing.
-TEST_F(AllocateTest, BatchRecordsLastOfEachType) {
-  for (const auto& types : {std::array<unsigned int, 3>{4, 4, 4}, {1, 2, 3}}) {
-    seen.clear();
-    const int handle = Inspector::nextHandle(*mgr);
-    const bool sameType = types[0] == types[1];
-    ShmMemAlloc reqs[3] = {{"c0", types[0], 4096}, {"c1", types[1], 4096}, {"c2", types[2], 4096}};
-    ASSERT_EQ(sameType ? mgr->allocateAllShmMems(kId, reqs, 3)
-                       : mgr->allocateAllShmMems(kUser, 7, reqs, 3),
-              0);
-    ASSERT_EQ(handlesOf(seen), (std::vector<int>{handle, handle + 1, handle + 2}));
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_EQ(storedFds(sameType ? kId : Id{kUser, 7, 0}, types[i]),
-                std::vector<int>{seen[sameType ? 2 : i].fd});
-      if (sameType && i < 2) {
-        EXPECT_EQ(mgr->releaseShmMem(4096, seen[i].fd, seen[i].addr), 0);
-      }
-    }
-    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
-  }
-  seen.clear();
-  const int handle = Inspector::nextHandle(*mgr);
+  ShmMemAlloc reqs[3] = {{"c0", 4, 4096}, {"c1", 4, 4096}, {"c2", 5, 4096}};
+  ASSERT_EQ(mgr->allocateAllShmMems(kId, reqs, 3), 0);
+  ASSERT_EQ(mgr->allocateShmMem(kId, reqs[2]), 0);
+  ASSERT_EQ(mgr->allocateAllShmMems(kUser, 7, reqs, 1), 0);
+  ASSERT_EQ(mgr->allocateShmMem(kUser, 7, reqs[2]), 0);
   EXPECT_EQ(mgr->allocateAllShmMems(kId, nullptr, 0), 0);
-  EXPECT_TRUE(seen.empty());
-  EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
-  EXPECT_TRUE(Inspector::registry(*mgr).empty());
+  ASSERT_EQ(seen.size(), 6u);
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(std::make_pair(seen[i].type, seen[i].handle), std::make_pair(0u, handle + i));
+  EXPECT_EQ(Inspector::nextHandle(*mgr), handle + 6);
+  EXPECT_THAT(*Inspector::records(*mgr, kId, 5),
+              ElementsAre(InfoIs("c2", 0, 4096, seen[3].fd, seen[3].addr, handle + 3)));
+  const Id zero{kUser, 7, 0};
+  const std::tuple<Id, unsigned int, int> kept[] = {{kId, 4, 1}, {zero, 4, 4}, {zero, 5, 5}};
+  for (const auto& [id, type, i] : kept) {
+    EXPECT_EQ(storedFds(id, type), std::vector<int>{seen[i].fd}) << i;
+  }
+  for (int i : {0, 2}) EXPECT_EQ(mgr->releaseShmMem(4096, seen[i].fd, seen[i].addr), 0);
+  EXPECT_EQ(mgr->releaseAllShmMems(), 0);
 }
 
 // Allocation detail lines appear exactly when m_DbgLog is not 0, negative values included.
