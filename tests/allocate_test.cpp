@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <tuple>
 
 #include "ManagerFixture.h"

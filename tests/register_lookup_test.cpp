@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
-#include <cstdio>
 
 #include "ManagerFixture.h"
 
