@@ -436,6 +436,9 @@ TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
   }
   EXPECT_TRUE(answer == -ECONNRESET || answer == -EPIPE) << "not refused at once: " << answer;
   EXPECT_TRUE(peer.logShows("refused a client: out of descriptors\n"));
+  clients.back() = std::make_unique<RawClient>(peer.socket());  // refused again: nothing spins
+  answer = clients.back()->send(message(Kind::Ping));
+  EXPECT_TRUE(answer == -ECONNRESET || answer == -EPIPE) << "not refused again: " << answer;
   clients.pop_back();
   for (const auto& client : clients) EXPECT_EQ(client->send(message(Kind::Ping)), 0);
   clients.erase(clients.begin());

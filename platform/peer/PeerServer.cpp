@@ -129,8 +129,10 @@ void PeerServer::accept() {
   if (!sock) {
     if ((errno == EMFILE || errno == ENFILE) && mReserve) {
       // Out of descriptors: take the client off the queue and refuse it, or poll would spin.
+      // The refused connection is closed before the reserve is taken again, or no descriptor
+      // would be free for it and the next client beyond the limit would make poll spin.
       mReserve.reset();
-      UniqueFd refused(accept4(mListen.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      UniqueFd(accept4(mListen.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
       mReserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
       peerLog('W', "refused a client: out of descriptors");
     }
