@@ -161,7 +161,12 @@ TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
 // Every refusal of the peer, and of the client before sending, is what the caller gets.
 TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(peer.stop(), 0);
-  ASSERT_NO_FATAL_FAILURE(startPeer({"--max-memories", "3", "--max-bytes", "64K"}));
+  ASSERT_NO_FATAL_FAILURE(
+      startPeer({"--max-memories", "3", "--max-bytes", "64K", "--max-clients", "1"}));
+  const int second = RawClient(peer.socket()).send(message(Kind::Ping));
+  EXPECT_TRUE(second == -ECONNRESET || second == -EPIPE) << "a second client was served";
+  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(getpid()) + " uid " +
+                            std::to_string(getuid()) + ": already 1 clients\n"));
   int pipeFds[2];
   ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
   const int closed = dup(pipeFds[0]);
