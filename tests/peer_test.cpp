@@ -454,10 +454,8 @@ TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
 
 // Unanswered calls fail with -ETIMEDOUT after VROCAM_IPC_TIMEOUT_MS, each loss logged once.
 TEST(SocketClientTest, ACallThatGetsNoAnswerTimesOut) {
-  if (gLinked)
-    GTEST_SKIP()
-        << "needs a process of its own, as ctest gives each test";  // the process-wide client is
-                                                                    // made for this socket
+  // The process-wide client is made for this test's socket.
+  if (gLinked) GTEST_SKIP() << kOwnProcess;
   LeakGuard leaks;
   const Region region = makeRegion(4096, "unanswered", kRegionSeals);
   {

@@ -139,8 +139,7 @@ class DescriptorSqueeze {
   std::vector<int> mHeld;
 };
 
-// Out of descriptors allocation fails with -1 and keeps nothing, and works again once they are
-// back.
+// Out of descriptors allocation fails with -1, keeps and leaks nothing, and then recovers.
 TEST(ManagerExhaustionTest, AllocationFailsCleanlyAndRecovers) {
   IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
   LeakGuard leaks;

@@ -128,9 +128,9 @@ void PeerServer::accept() {
   UniqueFd sock(accept4(mListen.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
   if (!sock) {
     if ((errno == EMFILE || errno == ENFILE) && mReserve) {
-      // Out of descriptors: take the client off the queue and refuse it, or poll would spin.
-      // The refused connection is closed before the reserve is taken again, or no descriptor
-      // would be free for it and the next client beyond the limit would make poll spin.
+      // Out of descriptors: take the client off the queue and refuse it, or poll would spin. The
+      // refusal is closed before the reserve is taken again, so that the reserve is there next
+      // time.
       mReserve.reset();
       UniqueFd(accept4(mListen.get(), nullptr, nullptr, SOCK_CLOEXEC)).reset();
       mReserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));

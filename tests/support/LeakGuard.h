@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // LeakGuard: snapshots the open descriptors and the shared-memory mappings of a process (this one
 // by default), and reports what was left behind since. Beside it, small descriptor helpers and the
-// shared memory tests make themselves.
+// shared memory a test makes itself.
 #pragma once
 
 #include <fcntl.h>
@@ -50,6 +50,10 @@ class DescriptorZeroFree {
  private:
   int mSaved;
 };
+
+// Why a test that needs what nothing else in its process has touched (the manager, the socket
+// client) was skipped.
+constexpr char kOwnProcess[] = "needs a process of its own, as ctest gives each test";
 
 // A memfd made by a test itself, mapped read-write.
 struct Region {

@@ -95,19 +95,15 @@ void LogCapture::clear() {
 
 StderrCapture::StderrCapture()
     : mFile(memfd_create("stderr", MFD_CLOEXEC)), mSaved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-  EXPECT_TRUE(mFile >= 0 && mSaved >= 0);
-  dup2(mFile, STDERR_FILENO);
+  EXPECT_TRUE(mFile && mSaved);
+  dup2(mFile.get(), STDERR_FILENO);
 }
 
-StderrCapture::~StderrCapture() {
-  dup2(mSaved, STDERR_FILENO);
-  close(mSaved);
-  close(mFile);
-}
+StderrCapture::~StderrCapture() { dup2(mSaved.get(), STDERR_FILENO); }
 
 std::string StderrCapture::text() const {
-  std::string out(static_cast<size_t>(lseek(mFile, 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(mFile, &out[0], out.size(), 0), static_cast<ssize_t>(out.size()));
+  std::string out(static_cast<size_t>(lseek(mFile.get(), 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(mFile.get(), &out[0], out.size(), 0), static_cast<ssize_t>(out.size()));
   return out;
 }
 

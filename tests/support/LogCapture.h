@@ -9,6 +9,7 @@
 
 #include "DebugPrint.h"
 #include "ULogger.h"
+#include "UniqueFd.h"
 
 namespace vrotest {
 
@@ -59,7 +60,7 @@ class StderrCapture {
   std::string text() const;
 
  private:
-  int mFile, mSaved;
+  vrowire::UniqueFd mFile, mSaved;
 };
 
 }  // namespace vrotest

@@ -49,9 +49,6 @@ struct TestClientFactory {
   static int lastType();
 };
 
-// Why a test that needs a manager nothing else in its process has touched was skipped.
-constexpr char kOwnProcess[] = "needs a process of its own, as ctest gives each test";
-
 // A record with the given fields, for comparisons in expectations.
 MATCHER_P6(InfoIs, name, type, size, fd, addr, handle, "") {
   return arg.name == name && arg.type == static_cast<unsigned int>(type) &&
