@@ -36,14 +36,14 @@ TEST(ShmRecordsTest, KeyOrderAndRecords) {
 
 // Without a client the first instance logs one error and stays unconnected until a client comes.
 TEST(ManagerInstanceTest, FirstInstanceWithoutClientConnectsLater) {
-  if (TestClientFactory::calls() != 0) GTEST_SKIP() << kOwnProcess;
+  if (gFactoryCalls != 0) GTEST_SKIP() << kOwnProcess;
   unsetenv(kDbgLog);
   LogCapture log;
   IPCClientShmMgr* mgr = IPCClientShmMgr::getInstance();
   EXPECT_TRUE(!Inspector::inited(*mgr) && Inspector::client(*mgr) == nullptr);
   EXPECT_EQ(Inspector::nextHandle(*mgr), 1);
-  EXPECT_EQ(TestClientFactory::calls(), 1);
-  EXPECT_EQ(TestClientFactory::lastType(), 0);
+  EXPECT_EQ(gFactoryCalls, 1);
+  EXPECT_EQ(gFactoryLastType, 0);
   EXPECT_EQ(log.texts(),
             (Texts{"[init] m_DbgLog:0\n", "[init] error: Unable to get Vro IPCClient\n"}));
   for (const auto& line : log.logged())
@@ -52,29 +52,29 @@ TEST(ManagerInstanceTest, FirstInstanceWithoutClientConnectsLater) {
               ::testing::MatchesRegex(".*IPCClient\n \\(init\\)\\{#[0-9]+:ipc/wrapper/common/src/"
                                       "IPCClientShmMgr.cpp\\}"));
   EXPECT_EQ(mgr->init(), -1);
-  TestClientFactory::setAvailable(true);
+  gFactoryGives = true;
   EXPECT_EQ(IPCClientShmMgr::getInstance(), mgr);
-  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == TestClientFactory::forwarder());
+  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == factoryClient());
   EXPECT_EQ(mgr->init(), 0);
-  EXPECT_EQ(TestClientFactory::calls(), 3);
+  EXPECT_EQ(gFactoryCalls, 3);
 }
 
 // Concurrent first calls build one instance and obtain the client exactly once.
 TEST(ManagerInstanceTest, ConcurrentFirstCallsAskFactoryOnce) {
-  if (TestClientFactory::calls() != 0) GTEST_SKIP() << kOwnProcess;
-  TestClientFactory::setAvailable(true);
+  if (gFactoryCalls != 0) GTEST_SKIP() << kOwnProcess;
+  gFactoryGives = true;
   IPCClientShmMgr* seen[8] = {};
   std::vector<std::thread> threads;
   for (auto& slot : seen) threads.emplace_back([&slot] { slot = IPCClientShmMgr::getInstance(); });
   for (auto& thread : threads) thread.join();
   for (IPCClientShmMgr* mgr : seen) EXPECT_EQ(mgr, seen[0]);
-  EXPECT_EQ(TestClientFactory::calls(), 1);
+  EXPECT_EQ(gFactoryCalls, 1);
 }
 
 // Each init() re-reads the verbosity and changes nothing else; the factory is asked until it gives.
 TEST_F(ManagerTest, InitRereadsVerbosityAndAsksFactoryOnce) {
   Inspector::setClient(*mgr, nullptr);
-  TestClientFactory::resetCalls();
+  gFactoryCalls = 0;
   const int handle = Inspector::nextHandle(*mgr);
   for (const char* value : {"2", "-1"}) {
     host_property_set(kDbgLog, value);
@@ -84,8 +84,8 @@ TEST_F(ManagerTest, InitRereadsVerbosityAndAsksFactoryOnce) {
     EXPECT_EQ(IPCClientShmMgr::getInstance(), mgr);
     EXPECT_EQ(Inspector::dbgLog(*mgr), 3);
   }
-  EXPECT_EQ(TestClientFactory::calls(), 1);
-  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == TestClientFactory::forwarder());
+  EXPECT_EQ(gFactoryCalls, 1);
+  EXPECT_TRUE(Inspector::inited(*mgr) && Inspector::client(*mgr) == factoryClient());
   EXPECT_EQ(Inspector::nextHandle(*mgr), handle);
   EXPECT_TRUE(Inspector::registry(*mgr).empty());
 }

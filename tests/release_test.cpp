@@ -246,7 +246,7 @@ TEST_F(ReleaseTest, NoClientChangesNothing) {
                           "[releaseShmMem] " + none, "[releaseShmMem] " + none,
                           "[releaseAllShmMems] Release all registered shared memories.\n",
                           "[releaseAllShmMems] " + none));
-  Inspector::setClient(*mgr, TestClientFactory::forwarder());
+  Inspector::setClient(*mgr, &client);
   EXPECT_EQ(mgr->releaseAllShmMems(), 0);
   EXPECT_TRUE(gone(mem));
 }

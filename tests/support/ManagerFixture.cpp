@@ -1,42 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The test factory with its forwarding client, and ManagerTest.
+// The test factory and ManagerTest.
 #include "ManagerFixture.h"
 
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
+#include "LoopbackClient.h"
+
 namespace vrotest {
 namespace {
-
-std::atomic<bool> gAvailable{false};
-std::atomic<IPCClient*> gTarget{nullptr};
-std::atomic<int> gCalls{0}, gLastType{-1};
-
-IPCClient* target() {
-  IPCClient* client = gTarget.load();
-  if (client == nullptr) ADD_FAILURE() << "the IPC client was called without a target";
-  return client;
-}
-
-#define VROTEST_FORWARD(call)   \
-  IPCClient* client = target(); \
-  return client != nullptr ? client->call : -1
-class Forwarder : public IPCClient {
- public:
-  int registerShm(ShmMemInfo& info) override { VROTEST_FORWARD(registerShm(info)); }
-  int registerShms(std::vector<ShmMemInfo>& infos) override {
-    VROTEST_FORWARD(registerShms(infos));
-  }
-  int sendCommand(int command, void* data, size_t length) override {
-    VROTEST_FORWARD(sendCommand(command, data, length));
-  }
-  int waitForPeer(int timeoutMs) override { VROTEST_FORWARD(waitForPeer(timeoutMs)); }
-  int deregisterShms(std::vector<ShmMemInfo> infos) override {
-    VROTEST_FORWARD(deregisterShms(std::move(infos)));
-  }
-} gForwarder;
-#undef VROTEST_FORWARD
 
 std::vector<int> fieldOf(const std::vector<ShmMemInfo>& infos, int ShmMemInfo::*field) {
   std::vector<int> out;
@@ -46,12 +18,9 @@ std::vector<int> fieldOf(const std::vector<ShmMemInfo>& infos, int ShmMemInfo::*
 
 }  // namespace
 
-void TestClientFactory::setAvailable(bool available) { gAvailable = available; }
-void TestClientFactory::setTarget(IPCClient* client) { gTarget = client; }
-IPCClient* TestClientFactory::forwarder() { return &gForwarder; }
-int TestClientFactory::calls() { return gCalls; }
-void TestClientFactory::resetCalls() { gCalls = 0; }
-int TestClientFactory::lastType() { return gLastType; }
+std::atomic<bool> gFactoryGives{false};
+std::atomic<int> gFactoryCalls{0}, gFactoryLastType{-1};
+IPCClient* factoryClient() { return &NSCam::ipc::wrapper::LoopbackClient::instance(); }
 
 std::vector<int> fdsOf(const std::vector<ShmMemInfo>& infos) {
   return fieldOf(infos, &ShmMemInfo::fd);
@@ -75,10 +44,9 @@ void setDbgLog(IPCClientShmMgr* mgr, const char* value) {
 }
 
 void ManagerTest::SetUp() {
-  TestClientFactory::setAvailable(true);
-  TestClientFactory::setTarget(&client);
+  gFactoryGives = true;
   mgr = IPCClientShmMgr::getInstance();
-  Inspector::setClient(*mgr, TestClientFactory::forwarder());
+  Inspector::setClient(*mgr, &client);
   Inspector::forgetRegistry(*mgr);
   setDbgLog(mgr, "1");
   log.clear();
@@ -88,7 +56,7 @@ void ManagerTest::TearDown() {
   setDbgLog(mgr, nullptr);
   EXPECT_TRUE(Inspector::lockFree(*mgr));
   Inspector::forgetRegistry(*mgr);
-  TestClientFactory::setTarget(nullptr);
+  Inspector::setClient(*mgr, nullptr);
   leaks.expectNoLeaks();
 }
 
@@ -100,9 +68,9 @@ namespace wrapper {
 
 // Replaces the host factory for the whole test executable.
 IPCClient* IPCClientFactory::getInstance(IPC_PLATFORM_TYPE type) {
-  ++vrotest::gCalls;
-  vrotest::gLastType = type;
-  return vrotest::gAvailable ? &vrotest::gForwarder : nullptr;
+  ++vrotest::gFactoryCalls;
+  vrotest::gFactoryLastType = type;
+  return vrotest::gFactoryGives ? vrotest::factoryClient() : nullptr;
 }
 
 }  // namespace wrapper

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The manager as tests see it: a GoogleMock IPC client behind a test factory, and ManagerTest, a
-// manager connected to that client with its logs captured, its registry empty and a leak check
-// at the end.
+// The manager as tests see it: a test IPC client factory, and ManagerTest, a manager connected to
+// a GoogleMock IPC client with its logs captured, its registry empty and a leak check at the end.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -37,17 +37,11 @@ class MockIPCClient : public IPCClient {
   MOCK_METHOD(int, deregisterShms, (std::vector<ShmMemInfo> infos), (override));
 };
 
-// Defined in the test executable in place of the host factory. The manager keeps the first
-// client it gets for the life of the process, so the factory always hands out one forwarder;
-// setTarget() chooses where its calls go.
-struct TestClientFactory {
-  static void setAvailable(bool available);  // whether it gives a client at all (at first not)
-  static void setTarget(IPCClient* target);  // null: every call fails the test
-  static IPCClient* forwarder();
-  static int calls();
-  static void resetCalls();
-  static int lastType();
-};
+// The test executable's IPC client factory, in place of the host's: it hands out the loopback
+// client while gFactoryGives is set (at first it is not), and counts the calls.
+extern std::atomic<bool> gFactoryGives;
+extern std::atomic<int> gFactoryCalls, gFactoryLastType;
+IPCClient* factoryClient();
 
 // A record with the given fields, for comparisons in expectations.
 MATCHER_P6(InfoIs, name, type, size, fd, addr, handle, "") {
