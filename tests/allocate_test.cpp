@@ -43,13 +43,12 @@ TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
   void* addr = nullptr;
   FaultScope faults;
   ASSERT_EQ(mgr->allocateShmMem(3, std::string("cut\0tail", 8), 8192, &fd, &addr), 0);
-  const int created = faults.creates().at(0).result;
-  EXPECT_EQ(faults.creates()[0].name, "cut");
-  EXPECT_NE(fd, created);
-  EXPECT_FALSE(isOpen(created));
-  const MmapCall call = faults.mmaps().at(0);
-  EXPECT_EQ(std::tie(call.length, call.prot, call.flags, call.fd, call.offset),
-            std::make_tuple(size_t{8192}, PROT_WRITE, MAP_SHARED, fd, off_t{0}));
+  const Call created = faults.calls(Fn::AshmemCreate).at(0);
+  EXPECT_EQ(created.name, "cut");
+  EXPECT_NE(fd, created.result);
+  EXPECT_FALSE(isOpen(created.result));
+  EXPECT_EQ(faults.calls(Fn::Mmap).at(0).args,
+            (std::vector<long>{8192, PROT_WRITE, MAP_SHARED, fd, 0}));
   EXPECT_THAT(mappingOf(addr), HasSubstr(" -w-s "));
   EXPECT_THAT(mappingOf(addr), HasSubstr("/memfd:cut "));
   EXPECT_EQ(mgr->releaseShmMem(8192, fd, addr), 0);
@@ -68,7 +67,7 @@ TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
     int fd = -5;
     void* addr = nullptr;
     EXPECT_EQ(mgr->allocateShmMem(3, "zero", 4096, &fd, &addr), 0);
-    EXPECT_EQ(faults.creates().at(0).result == 0, zeroFrom == Fn::AshmemCreate);
+    EXPECT_EQ(faults.calls(Fn::AshmemCreate).at(0).result == 0, zeroFrom == Fn::AshmemCreate);
     EXPECT_EQ(fd == 0, zeroFrom == Fn::Dup);
     EXPECT_EQ(mgr->releaseShmMem(4096, fd, addr), 0);
   }
@@ -88,15 +87,15 @@ TEST_F(AllocateTest, StepFailuresCleanUp) {
     EXPECT_EQ(mgr->allocateShmMem(3, "broken", 4096, &fd, &addr), -1);
     EXPECT_EQ(std::make_pair(fd, addr), std::make_pair(-1, static_cast<void*>(nullptr)));
     const std::vector<int> closed = faults.closedFds();
-    const int created = faults.creates().at(0).result;
+    const long created = faults.calls(Fn::AshmemCreate).at(0).result;
     EXPECT_EQ(std::count(closed.begin(), closed.end(), created), fn == Fn::AshmemCreate ? 0 : 1);
     std::vector<std::string> lines = {"[allocateShmMem] sensorIdx:3, name:broken, size:4096\n",
                                       "[allocateShmMem] error: [Sensor:3] call dup fail\n"};
     if (fn == Fn::AshmemCreate) lines[1] = "create shared memory failed", lines.push_back(region);
     if (fn == Fn::Mmap) {
-      const int dup = faults.mmaps().at(0).fd;
+      const long dup = faults.calls(Fn::Mmap).at(0).args[3];
       EXPECT_EQ(std::count(closed.begin(), closed.end(), dup), 1);
-      lines[1] = format("[allocateShmMem] error: [Sensor:3] call mmap fail, fd:%d\n", dup);
+      lines[1] = format("[allocateShmMem] error: [Sensor:3] call mmap fail, fd:%ld\n", dup);
     }
     EXPECT_EQ(log.texts(), lines);
     const int handle = Inspector::nextHandle(*mgr);

@@ -37,13 +37,14 @@ TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
     scope.redirectOpen(path, file);
     EXPECT_EQ(NSCam::Utils::getBootMode(), mode);
     unlink(file.c_str());
-    const auto opens = scope.opens();
+    const auto opens = scope.calls(vrotest::Fn::Open);
     ASSERT_EQ(opens.size(), 1u);
     if (zero) {
       EXPECT_EQ(opens[0].result, 0);
     }
-    EXPECT_EQ(std::tie(opens[0].path, opens[0].flags), std::make_tuple(path, O_RDONLY));
-    EXPECT_EQ(scope.closedFds(), content ? std::vector{opens[0].result} : std::vector<int>{});
+    EXPECT_EQ(std::tie(opens[0].name, opens[0].args),
+              std::make_tuple(path, std::vector<long>{O_RDONLY}));
+    EXPECT_EQ(scope.closedFds(), content ? std::vector{int(opens[0].result)} : std::vector<int>{});
     const auto logged = log.logged();
     const auto printed = log.printed();
     ASSERT_TRUE(logged.size() == 1 && printed.size() == 1);

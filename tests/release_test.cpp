@@ -41,9 +41,10 @@ bool held(const Mem& mem) { return !mappingOf(mem.addr).empty() && isOpen(mem.fd
 void expectFreed(const FaultScope& scope, const std::vector<Mem>& mems, std::vector<int> order,
                  size_t length = kPage) {
   std::vector<int> unmapped, closed;
-  for (const MunmapCall& call : scope.munmaps())
+  for (const Call& call : scope.calls(Fn::Munmap))
     for (size_t i = 0; i < mems.size(); ++i)
-      if (call.addr == mems[i].addr && call.length == length) unmapped.push_back(int(i));
+      if (call.args == std::vector<long>{long(mems[i].addr), long(length)})
+        unmapped.push_back(int(i));
   for (int fd : scope.closedFds())
     for (size_t i = 0; i < mems.size(); ++i)
       if (fd == mems[i].fd) closed.push_back(int(i));

@@ -37,7 +37,7 @@ TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
     if (closeFails) scope.fail(Fn::Close, 1, -1, EIO);
     const auto failed = SharedMemory::allocate("vrocam-fail", 4096);
     EXPECT_EQ(std::make_pair(failed.get(), failed.flags()), std::make_pair(-1, 0ul));
-    const int fd = scope.creates().at(0).result;
+    const int fd = int(scope.calls(Fn::AshmemCreate).at(0).result);
     EXPECT_EQ(scope.closedFds(), fn == Fn::AshmemCreate ? std::vector<int>{} : std::vector{fd});
     EXPECT_EQ(scope.count(Fn::AshmemSetProt), fn == Fn::AshmemCreate ? 0 : 1);
     EXPECT_EQ(scope.count(Fn::AshmemValid), fn == Fn::AshmemValid ? 1 : 0);
@@ -77,8 +77,9 @@ TEST(SharedMemoryTest, SuccessOwnsTheCreatedRegionWhichIsShared) {
       vrotest::LogCapture log;
       vrotest::FaultScope scope;
       const auto fd = SharedMemory::allocate(name, size);
-      const auto made = scope.creates().at(0);
-      EXPECT_TRUE(made.name == name && made.size == size && made.result == fd.get()) << name;
+      const auto made = scope.calls(Fn::AshmemCreate).at(0);
+      EXPECT_TRUE(made.name == name && made.args[0] == long(size) && made.result == fd.get())
+          << name;
       EXPECT_GE(fd.get(), 0);
       EXPECT_EQ(fd.flags(), 0u);
       EXPECT_TRUE(scope.closedFds().empty() && log.logged().empty() && log.printed().empty());

@@ -13,6 +13,7 @@
 #include <array>
 #include <atomic>
 #include <cstdarg>
+#include <initializer_list>
 #include <mutex>
 
 namespace vrotest {
@@ -30,11 +31,7 @@ struct State {
   std::mutex lock;
   std::array<int, kFns> counts{};
   std::array<Plan, kFns> plans{};
-  std::vector<int> closed;
-  std::vector<MmapCall> mmaps;
-  std::vector<MunmapCall> munmaps;
-  std::vector<OpenCall> opens;
-  std::vector<CreateCall> creates;
+  std::array<std::vector<Call>, kFns> calls;
   std::string redirectFrom, redirectTo;
 };
 
@@ -53,41 +50,38 @@ F real(Fn fn, const char* name) {
   return reinterpret_cast<F>(found);
 }
 
-// Counts a call of fn; true (with *result and errno set) when the call is to fail instead.
-bool intercept(Fn fn, long* result) {
-  if (!gActive.load(std::memory_order_acquire)) return false;
-  std::lock_guard<std::mutex> guard(gState->lock);
-  const int n = ++gState->counts[static_cast<size_t>(fn)];
-  const Plan& plan = gState->plans[static_cast<size_t>(fn)];
-  if (plan.nth != -1 && plan.nth != n) return false;
-  *result = plan.result;
-  if (plan.err != 0) errno = plan.err;
-  return true;
-}
-
-template <typename Record, typename Member>
-void record(Member member, Record value) {
-  if (!gActive.load(std::memory_order_acquire)) return;
-  std::lock_guard<std::mutex> guard(gState->lock);
-  (gState->*member).push_back(std::move(value));
+// A call of fn: run, or failed as planned, and recorded while a scope is alive.
+template <typename Run>
+long call(Fn fn, const char* name, std::initializer_list<long> args, Run run) {
+  if (!gActive.load(std::memory_order_acquire)) return run();
+  const size_t i = static_cast<size_t>(fn);
+  Plan plan;
+  {
+    std::lock_guard<std::mutex> guard(gState->lock);
+    const int n = ++gState->counts[i];
+    if (gState->plans[i].nth == -1 || gState->plans[i].nth == n) plan = gState->plans[i];
+  }
+  const long result = plan.nth != 0 ? plan.result : run();
+  const int err = plan.nth != 0 && plan.err != 0 ? plan.err : errno;
+  {
+    std::lock_guard<std::mutex> guard(gState->lock);
+    gState->calls[i].push_back(Call{name != nullptr ? name : "", args, result});
+  }
+  errno = err;
+  return result;
 }
 
 int interposedOpen(const char* path, int flags, mode_t mode) {
-  const auto realOpen = real<int (*)(const char*, int, ...)>(Fn::Open, "open");
-  if (!gActive.load(std::memory_order_acquire)) return realOpen(path, flags, mode);
-  long fd = 0;
-  if (!intercept(Fn::Open, &fd)) {
+  return static_cast<int>(call(Fn::Open, path, {flags}, [&] {
     std::string target = path != nullptr ? path : "";
-    {
+    if (gActive.load(std::memory_order_acquire)) {
       std::lock_guard<std::mutex> guard(gState->lock);
       if (!gState->redirectFrom.empty() && gState->redirectFrom == target) {
         target = gState->redirectTo;
       }
     }
-    fd = realOpen(target.c_str(), flags, mode);
-  }
-  record(&State::opens, OpenCall{path != nullptr ? path : "", flags, static_cast<int>(fd)});
-  return static_cast<int>(fd);
+    return real<int (*)(const char*, int, ...)>(Fn::Open, "open")(target.c_str(), flags, mode);
+  }));
 }
 
 }  // namespace
@@ -115,56 +109,48 @@ void FaultScope::redirectOpen(const std::string& from, const std::string& to) {
   gState->redirectTo = to;
 }
 
-#define VROTEST_COPY(member)                       \
-  std::lock_guard<std::mutex> guard(gState->lock); \
-  return gState->member
-int FaultScope::count(Fn fn) const { VROTEST_COPY(counts)[static_cast<size_t>(fn)]; }
-std::vector<int> FaultScope::closedFds() const { VROTEST_COPY(closed); }
-std::vector<MmapCall> FaultScope::mmaps() const { VROTEST_COPY(mmaps); }
-std::vector<MunmapCall> FaultScope::munmaps() const { VROTEST_COPY(munmaps); }
-std::vector<OpenCall> FaultScope::opens() const { VROTEST_COPY(opens); }
-std::vector<CreateCall> FaultScope::creates() const { VROTEST_COPY(creates); }
-#undef VROTEST_COPY
+std::vector<Call> FaultScope::calls(Fn fn) const {
+  std::lock_guard<std::mutex> guard(gState->lock);
+  return gState->calls[static_cast<size_t>(fn)];
+}
+
+std::vector<int> FaultScope::closedFds() const {
+  std::vector<int> fds;
+  for (const Call& close : calls(Fn::Close)) fds.push_back(static_cast<int>(close.args[0]));
+  return fds;
+}
 
 }  // namespace vrotest
 
+using vrotest::call;
 using vrotest::Fn;
-using vrotest::intercept;
 using vrotest::real;
 
 // Before the sanitizers' runtimes are ready dlsym can find nothing: mmap, munmap and close then
 // make the system call themselves.
 extern "C" void* mmap(void* addr, size_t length, int prot, int flags, int fd,
                       off_t offset) noexcept {
-  long failed = 0;
-  void* result = nullptr;
-  if (intercept(Fn::Mmap, &failed)) {
-    result = reinterpret_cast<void*>(failed);
-  } else if (const auto realMmap = real<decltype(&mmap)>(Fn::Mmap, "mmap")) {
-    result = realMmap(addr, length, prot, flags, fd, offset);
-  } else {
-    result = reinterpret_cast<void*>(syscall(SYS_mmap, addr, length, prot, flags, fd, offset));
-  }
-  vrotest::record(&vrotest::State::mmaps,
-                  vrotest::MmapCall{length, prot, flags, fd, offset, result});
-  return result;
+  return reinterpret_cast<void*>(
+      call(Fn::Mmap, nullptr, {long(length), prot, flags, fd, offset}, [&] {
+        const auto realMmap = real<decltype(&mmap)>(Fn::Mmap, "mmap");
+        return realMmap ? reinterpret_cast<long>(realMmap(addr, length, prot, flags, fd, offset))
+                        : syscall(SYS_mmap, addr, length, prot, flags, fd, offset);
+      }));
 }
 
 extern "C" int munmap(void* addr, size_t length) noexcept {
-  vrotest::record(&vrotest::State::munmaps, vrotest::MunmapCall{addr, length});
-  long failed = 0;
-  if (intercept(Fn::Munmap, &failed)) return static_cast<int>(failed);
-  const auto realMunmap = real<decltype(&munmap)>(Fn::Munmap, "munmap");
-  return realMunmap ? realMunmap(addr, length)
-                    : static_cast<int>(syscall(SYS_munmap, addr, length));
+  return static_cast<int>(
+      call(Fn::Munmap, nullptr, {reinterpret_cast<long>(addr), long(length)}, [&] {
+        const auto realMunmap = real<decltype(&munmap)>(Fn::Munmap, "munmap");
+        return realMunmap ? realMunmap(addr, length) : syscall(SYS_munmap, addr, length);
+      }));
 }
 
 extern "C" int close(int fd) {
-  vrotest::record(&vrotest::State::closed, fd);
-  long failed = 0;
-  if (intercept(Fn::Close, &failed)) return static_cast<int>(failed);
-  const auto realClose = real<decltype(&close)>(Fn::Close, "close");
-  return realClose ? realClose(fd) : static_cast<int>(syscall(SYS_close, fd));
+  return static_cast<int>(call(Fn::Close, nullptr, {fd}, [&] {
+    const auto realClose = real<decltype(&close)>(Fn::Close, "close");
+    return realClose ? realClose(fd) : syscall(SYS_close, fd);
+  }));
 }
 
 extern "C" int fcntl(int fd, int cmd, ...) {
@@ -172,11 +158,11 @@ extern "C" int fcntl(int fd, int cmd, ...) {
   va_start(ap, cmd);
   void* arg = va_arg(ap, void*);
   va_end(ap);
-  long failed = 0;
-  if ((cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC) && intercept(Fn::Dup, &failed)) {
-    return static_cast<int>(failed);
-  }
-  return real<decltype(&fcntl)>(Fn::Dup, "fcntl")(fd, cmd, arg);
+  const auto realFcntl = [&] {
+    return long(real<decltype(&fcntl)>(Fn::Dup, "fcntl")(fd, cmd, arg));
+  };
+  if (cmd != F_DUPFD && cmd != F_DUPFD_CLOEXEC) return static_cast<int>(realFcntl());
+  return static_cast<int>(call(Fn::Dup, nullptr, {fd}, realFcntl));
 }
 
 extern "C" int open(const char* path, int flags, ...) {
@@ -195,25 +181,21 @@ extern "C" int __open_2(const char* path, int flags) {
 }
 
 extern "C" int ashmem_create_region(const char* name, size_t size) {
-  long fd = 0;
-  if (!intercept(Fn::AshmemCreate, &fd)) {
-    fd =
-        real<decltype(&ashmem_create_region)>(Fn::AshmemCreate, "ashmem_create_region")(name, size);
-  }
-  vrotest::record(&vrotest::State::creates,
-                  vrotest::CreateCall{name ? name : "", size, static_cast<int>(fd)});
-  return static_cast<int>(fd);
+  return static_cast<int>(call(Fn::AshmemCreate, name, {long(size)}, [&] {
+    return real<decltype(&ashmem_create_region)>(Fn::AshmemCreate, "ashmem_create_region")(name,
+                                                                                           size);
+  }));
 }
 
 extern "C" int ashmem_set_prot_region(int fd, int prot) {
-  long failed = 0;
-  if (intercept(Fn::AshmemSetProt, &failed)) return static_cast<int>(failed);
-  return real<decltype(&ashmem_set_prot_region)>(Fn::AshmemSetProt, "ashmem_set_prot_region")(fd,
-                                                                                              prot);
+  return static_cast<int>(call(Fn::AshmemSetProt, nullptr, {fd, prot}, [&] {
+    return real<decltype(&ashmem_set_prot_region)>(Fn::AshmemSetProt, "ashmem_set_prot_region")(
+        fd, prot);
+  }));
 }
 
 extern "C" int ashmem_valid(int fd) {
-  long failed = 0;
-  if (intercept(Fn::AshmemValid, &failed)) return static_cast<int>(failed);
-  return real<decltype(&ashmem_valid)>(Fn::AshmemValid, "ashmem_valid")(fd);
+  return static_cast<int>(call(Fn::AshmemValid, nullptr, {fd}, [&] {
+    return real<decltype(&ashmem_valid)>(Fn::AshmemValid, "ashmem_valid")(fd);
+  }));
 }

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Fault injection: the test executable defines mmap, munmap, close, fcntl (duplication), open and
-// the ashmem calls. While a FaultScope is alive they count and record their calls and fail on
-// demand; otherwise, and for calls not armed, they forward to the real functions.
+// the ashmem calls. While a FaultScope is alive they record their calls and fail on demand;
+// otherwise, and for calls not armed, they forward to the real functions.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -14,27 +11,17 @@ namespace vrotest {
 
 enum class Fn { Mmap, Munmap, Close, Dup, Open, AshmemCreate, AshmemSetProt, AshmemValid, kCount };
 
-struct MmapCall {
-  size_t length;
-  int prot, flags, fd;
-  off_t offset;
-  void* result;
-};
-struct MunmapCall {
-  void* addr;
-  size_t length;
-};
-struct OpenCall {
-  std::string path;  // as the caller named it
-  int flags, result;
-};
-struct CreateCall {
+// A call as it was made: the path or name it was given (open, ashmem_create_region), its other
+// arguments in order (mmap: length, prot, flags, fd, offset; munmap: addr, length; close, dup,
+// ashmem_valid: fd; open: flags; ashmem_create_region: size; ashmem_set_prot_region: fd, prot),
+// and its result.
+struct Call {
   std::string name;
-  size_t size;
-  int result;
+  std::vector<long> args;
+  long result;
 };
 
-// Counts, records and arms faults for its lifetime; only one is alive at a time.
+// Records and arms faults for its lifetime; only one is alive at a time.
 class FaultScope {
  public:
   FaultScope();
@@ -48,12 +35,10 @@ class FaultScope {
   // Serves reads of path from another file (the open is made on `to`).
   void redirectOpen(const std::string& from, const std::string& to);
 
-  int count(Fn fn) const;
-  std::vector<int> closedFds() const;  // every close, run or failed, in call order
-  std::vector<MmapCall> mmaps() const;
-  std::vector<MunmapCall> munmaps() const;
-  std::vector<OpenCall> opens() const;
-  std::vector<CreateCall> creates() const;
+  // The calls of fn in this scope, run or failed, in call order.
+  std::vector<Call> calls(Fn fn) const;
+  int count(Fn fn) const { return static_cast<int>(calls(fn).size()); }
+  std::vector<int> closedFds() const;
 };
 
 }  // namespace vrotest
