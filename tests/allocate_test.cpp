@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Allocation: one region, allocate-and-register of one request and of an array of requests.
 #include <errno.h>
-#include <gmock/gmock.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <string>
 
 #include "LeakGuard.h"
 

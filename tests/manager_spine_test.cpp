@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tests of the manager's spine: records, registry key order, the instance and init().
-#include <gtest/gtest.h>
 
 #include <climits>
 #include <cstdlib>

@@ -13,12 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "IPCClientShmMgr.h"
 #include "LeakGuard.h"

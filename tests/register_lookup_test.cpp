@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Registration of memory the caller holds, and lookup of registered memories.
-#include <gmock/gmock.h>
-
 #include <cstdint>
 
 #include "ManagerFixture.h"

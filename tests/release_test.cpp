@@ -1,15 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Release of shared memories on real memfd regions: one type, one descriptor, lists of records
 // and of types, the raw form and release of everything.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <cstdlib>
 #include <functional>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "ManagerFixture.h"
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <set>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -17,26 +17,19 @@ struct IPCClientShmMgrInspector {
   using Mgr = IPCClientShmMgr;
   using Registry = std::map<Mgr::ShmMemMapKey, std::map<int, ShmMemInfo>>;
 
-  template <typename F>
-  static auto locked(Mgr& mgr, F read) {
-    std::lock_guard<std::mutex> lock(mgr.m_Lock);
-    return read();
+// A member read under the manager's lock.
+#define VROTEST_READ(Type, name, member)        \
+  static Type name(Mgr& m) {                    \
+    std::lock_guard<std::mutex> lock(m.m_Lock); \
+    return m.member;                            \
   }
-  static int nextHandle(Mgr& m) {
-    return locked(m, [&] { return m.m_NextHandle; });
-  }
-  static int dbgLog(Mgr& m) {
-    return locked(m, [&] { return m.m_DbgLog.load(); });
-  }
-  static bool inited(Mgr& m) {
-    return locked(m, [&] { return m.m_Inited; });
-  }
-  static IPCClient* client(Mgr& m) {
-    return locked(m, [&] { return m.m_pIPCClient.load(); });
-  }
-  static Registry registry(Mgr& m) {
-    return locked(m, [&] { return m.m_ShmMemMap; });
-  }
+  VROTEST_READ(int, nextHandle, m_NextHandle)
+  VROTEST_READ(int, dbgLog, m_DbgLog)
+  VROTEST_READ(bool, inited, m_Inited)
+  VROTEST_READ(IPCClient*, client, m_pIPCClient)
+  VROTEST_READ(Registry, registry, m_ShmMemMap)
+#undef VROTEST_READ
+
   // The records under {id, type} in descriptor order; nullopt when the key is absent.
   static std::optional<std::vector<ShmMemInfo>> records(Mgr& m, Mgr::Identifier id,
                                                         unsigned int type) {
@@ -49,14 +42,14 @@ struct IPCClientShmMgrInspector {
   }
   // Forgets the registry's records without releasing anything.
   static void forgetRegistry(Mgr& m) {
-    locked(m, [&] { m.m_ShmMemMap.clear(); });
+    std::lock_guard<std::mutex> lock(m.m_Lock);
+    m.m_ShmMemMap.clear();
   }
-  // Puts the manager back in the state of a failed init(), or gives it a client.
+  // Gives the manager a client, or puts it back in the state of a failed init().
   static void setClient(Mgr& m, IPCClient* client) {
-    locked(m, [&] {
-      m.m_pIPCClient = client;
-      m.m_Inited = client != nullptr;
-    });
+    std::lock_guard<std::mutex> lock(m.m_Lock);
+    m.m_pIPCClient = client;
+    m.m_Inited = client != nullptr;
   }
   // Whether the lock is free (it is, after every operation returned).
   static bool lockFree(Mgr& m) {
