@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <tuple>
 
 #include "ManagerFixture.h"
@@ -36,39 +37,31 @@ class AllocateTest : public ManagerTest {
   std::string refuse = "-";      // registerShm returns 7 for a record of this name
 };
 
-// The direct form maps a write-only shared duplicate, closes the original, cuts names at NUL.
+// The direct form maps a write-only shared duplicate, closes the original and cuts names at NUL;
+// descriptor 0 is a descriptor like any other, whether the region or its duplicate gets it.
 TEST_F(AllocateTest, DirectFormMapsDuplicateWriteOnly) {
-  int fd = -5;
-  void* addr = nullptr;
-  FaultScope faults;
-  ASSERT_EQ(mgr->allocateShmMem(3, std::string("cut\0tail", 8), 8192, &fd, &addr), 0);
-  const Call created = faults.calls(Fn::AshmemCreate).at(0);
-  EXPECT_EQ(created.name, "cut");
-  EXPECT_NE(fd, created.result);
-  EXPECT_FALSE(isOpen(created.result));
-  EXPECT_EQ(faults.calls(Fn::Mmap).at(0).args,
-            (std::vector<long>{8192, PROT_WRITE, MAP_SHARED, fd, 0}));
-  EXPECT_THAT(mappingOf(addr), HasSubstr(" -w-s "));
-  EXPECT_THAT(mappingOf(addr), HasSubstr("/memfd:cut "));
-  EXPECT_EQ(mgr->releaseShmMem(8192, fd, addr), 0);
-}
-
-// Descriptor 0 is a descriptor like any other, whether the region or its duplicate gets it.
-TEST_F(AllocateTest, DescriptorZeroIsNoFailure) {
-  for (const Fn zeroFrom : {Fn::AshmemCreate, Fn::Dup}) {
-    DescriptorZeroFree zero;
+  for (const Fn zeroFrom : {Fn::kCount, Fn::AshmemCreate, Fn::Dup}) {
+    std::optional<DescriptorZeroFree> zero;
+    if (zeroFrom != Fn::kCount) zero.emplace();
     FaultScope faults;
     if (zeroFrom == Fn::Dup) {
-      EXPECT_EQ(memfd_create("zero-dup", MFD_CLOEXEC), 0);  // stands in for the duplicate
-      EXPECT_EQ(ftruncate(0, 4096), 0);
+      EXPECT_EQ(memfd_create("cut", MFD_CLOEXEC), 0);  // stands in for the duplicate
+      EXPECT_EQ(ftruncate(0, 8192), 0);
       faults.fail(Fn::Dup, 1, 0, 0);
     }
     int fd = -5;
     void* addr = nullptr;
-    EXPECT_EQ(mgr->allocateShmMem(3, "zero", 4096, &fd, &addr), 0);
-    EXPECT_EQ(faults.calls(Fn::AshmemCreate).at(0).result == 0, zeroFrom == Fn::AshmemCreate);
-    EXPECT_EQ(fd == 0, zeroFrom == Fn::Dup);
-    EXPECT_EQ(mgr->releaseShmMem(4096, fd, addr), 0);
+    ASSERT_EQ(mgr->allocateShmMem(3, std::string("cut\0tail", 8), 8192, &fd, &addr), 0);
+    const Call created = faults.calls(Fn::AshmemCreate).at(0);
+    EXPECT_EQ(std::make_pair(created.result == 0, fd == 0),
+              std::make_pair(zeroFrom == Fn::AshmemCreate, zeroFrom == Fn::Dup));
+    EXPECT_EQ(created.name, "cut");
+    EXPECT_FALSE(fd == created.result || isOpen(created.result));
+    EXPECT_EQ(faults.calls(Fn::Mmap).at(0).args,
+              (std::vector<long>{8192, PROT_WRITE, MAP_SHARED, fd, 0}));
+    EXPECT_THAT(mappingOf(addr), HasSubstr(" -w-s "));
+    EXPECT_THAT(mappingOf(addr), HasSubstr("/memfd:cut "));
+    EXPECT_EQ(mgr->releaseShmMem(8192, fd, addr), 0);
   }
 }
 
