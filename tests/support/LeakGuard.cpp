@@ -21,15 +21,6 @@ std::string procPath(pid_t pid, const char* what) {
   return "/proc/" + (pid == 0 ? std::string("self") : std::to_string(pid)) + "/" + what;
 }
 
-// What now holds beyond before, each element as often as it is in excess.
-std::vector<std::string> excess(const std::multiset<std::string>& now,
-                                const std::multiset<std::string>& before) {
-  std::vector<std::string> out;
-  std::set_difference(now.begin(), now.end(), before.begin(), before.end(),
-                      std::back_inserter(out));
-  return out;
-}
-
 }  // namespace
 
 std::map<int, std::string> LeakGuard::openDescriptors(pid_t pid) {
@@ -48,33 +39,26 @@ std::map<int, std::string> LeakGuard::openDescriptors(pid_t pid) {
   return fds;
 }
 
-std::multiset<std::string> LeakGuard::memfdMappings(pid_t pid) {
-  std::multiset<std::string> lines;
-  std::ifstream maps(procPath(pid, "maps"));
-  for (std::string line; std::getline(maps, line);) {
-    if (line.find("/memfd:") != std::string::npos) lines.insert(line);
-  }
-  return lines;
-}
-
-std::multiset<std::string> LeakGuard::targets() const {
+std::multiset<std::string> LeakGuard::held() const {
   std::multiset<std::string> out;
   for (const auto& fd : openDescriptors(mPid)) {
-    out.insert(fd.second.rfind("socket:", 0) == 0 ? "socket" : fd.second);
+    out.insert("descriptor " + (fd.second.rfind("socket:", 0) == 0 ? "socket" : fd.second));
+  }
+  std::ifstream maps(procPath(mPid, "maps"));
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find("/memfd:") != std::string::npos) out.insert("mapping " + line);
   }
   return out;
 }
 
-LeakGuard::LeakGuard(pid_t pid) : mPid(pid), mTargets(targets()), mMappings(memfdMappings(pid)) {}
+LeakGuard::LeakGuard(pid_t pid) : mPid(pid), mHeld(held()) {}
 
 void LeakGuard::expectNoLeaks() const {
+  const std::multiset<std::string> now = held();
+  std::vector<std::string> left;
+  std::set_difference(now.begin(), now.end(), mHeld.begin(), mHeld.end(), std::back_inserter(left));
   const std::string where = mPid != 0 ? " in pid " + std::to_string(mPid) : "";
-  for (const std::string& fd : excess(targets(), mTargets)) {
-    ADD_FAILURE() << "descriptor left open" << where << ": " << fd;
-  }
-  for (const std::string& map : excess(memfdMappings(mPid), mMappings)) {
-    ADD_FAILURE() << "mapping left behind" << where << ": " << map;
-  }
+  for (const std::string& item : left) ADD_FAILURE() << "left behind" << where << ": " << item;
 }
 
 std::string mappingOf(const void* addr) {

@@ -22,15 +22,14 @@ class LeakGuard {
   // mapping that was not there.
   void expectNoLeaks() const;
 
-  // Descriptor -> link target, and the memfd lines of the maps, of pid (0: this process).
+  // Descriptor -> link target, of pid (0: this process).
   static std::map<int, std::string> openDescriptors(pid_t pid = 0);
-  static std::multiset<std::string> memfdMappings(pid_t pid = 0);
 
  private:
-  std::multiset<std::string> targets() const;
+  std::multiset<std::string> held() const;  // descriptor targets and memfd mappings
 
   pid_t mPid;
-  std::multiset<std::string> mTargets, mMappings;
+  std::multiset<std::string> mHeld;
 };
 
 // The /proc/self/maps line of the mapping that contains addr, or "" when none does.
