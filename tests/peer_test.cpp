@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -55,15 +54,6 @@ std::vector<ShmMemInfo> ownBatch(size_t count, unsigned int type, size_t unseale
     batch.emplace_back("batch-" + std::to_string(i), type, 4096, region.fd, region.addr, -1);
   }
   return batch;
-}
-
-// The output of a shell command.
-std::string run(const std::string& command) {
-  std::string out(1 << 16, '\0');
-  FILE* pipe = popen(command.c_str(), "r");
-  out.resize(pipe != nullptr ? fread(&out[0], 1, out.size(), pipe) : 0);
-  if (pipe != nullptr) pclose(pipe);
-  return out;
 }
 
 class PeerTest : public ::testing::Test {
@@ -304,7 +294,7 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
   const std::string who =
       "client pid " + std::to_string(child) + " uid " + std::to_string(getuid());
   EXPECT_TRUE(peer.logShows(who + " connected\n"));
-  const std::string status = run(peerCommandLine() + " --status --socket " + peer.socket());
+  const std::string status = runPeer("--status --socket " + peer.socket());
   EXPECT_NE(status.find(who + ": 2 memories, 12288 bytes\n  handle 1 type 4 size 4096 name plain\n"
                               "  handle 2 type 4 size 8192 name evil\\x1b[31m\\x09name\n"),
             std::string::npos)
@@ -324,8 +314,7 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   struct stat st {};
   ASSERT_EQ(stat(peer.socket().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode, S_IFSOCK | 0600);
-  EXPECT_NE(run(peerCommandLine() + " --socket " + peer.socket() + " 2>&1")
-                .find("Address already in use"),
+  EXPECT_NE(runPeer("--socket " + peer.socket() + " 2>&1").find("Address already in use"),
             std::string::npos);
   ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
 

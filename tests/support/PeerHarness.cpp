@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -36,10 +37,14 @@ std::vector<std::string> peerCommand() {
 
 }  // namespace
 
-std::string peerCommandLine() {
+std::string runPeer(const std::string& args) {
   std::string line;
-  for (const std::string& word : peerCommand()) line += (line.empty() ? "" : " ") + word;
-  return line;
+  for (const std::string& word : peerCommand()) line += word + " ";
+  std::string out(1 << 16, '\0');
+  FILE* pipe = popen((line + args).c_str(), "r");
+  out.resize(pipe != nullptr ? fread(&out[0], 1, out.size(), pipe) : 0);
+  if (pipe != nullptr) pclose(pipe);
+  return out;
 }
 
 TestPeer::~TestPeer() {

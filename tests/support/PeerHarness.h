@@ -17,8 +17,8 @@
 
 namespace vrotest {
 
-// The peer daemon's command line for a shell, behind the emulator of a cross build.
-std::string peerCommandLine();
+// What the peer daemon, run with args by a shell (behind the emulator of a cross build), prints.
+std::string runPeer(const std::string& args);
 
 class TestPeer {
  public:
