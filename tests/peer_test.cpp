@@ -141,6 +141,9 @@ TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
   for (const ShmMemInfo& info : refused) freeRegion(Region{info.fd, info.addr, info.size});
   ASSERT_EQ(mgr->registerShmMem(kOwner, ownBatch(1100, 5)), 0);
   EXPECT_EQ(holdings().memories, 1100u);
+  EXPECT_NE(runPeer("--status --socket " + peer.socket())  // more than one page
+                .find("name batch-1099\ntotal: 1 clients, 1100 memories, 4505600 bytes\n"),
+            std::string::npos);
   EXPECT_EQ(mgr->releaseAllShmMems(), 0);
   setrlimit(RLIMIT_NOFILE, &files);
 }
@@ -317,6 +320,8 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   EXPECT_NE(runPeer("--socket " + peer.socket() + " 2>&1").find("Address already in use"),
             std::string::npos);
   ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
+  EXPECT_NE(runPeer("--socket /" + std::string(108, 's') + " 2>&1").find(": File name too long\n"),
+            std::string::npos);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
@@ -385,6 +390,15 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
   ASSERT_EQ(staging.send(registerMessage({record}, vrowire::kMore), {memory.fd}), 0);
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
   beforeStaging.expectNoLeaks();
+  // So is a batch that a malformed part ended, and one that was committed: neither goes on.
+  const Record second{2, 0, 4096, "raw"};
+  ASSERT_EQ(staging.send(registerMessage({record}, vrowire::kMore), {memory.fd}), 0);
+  EXPECT_EQ(staging.send(registerMessage({second}, vrowire::kContinue)), -EBADF);
+  EXPECT_EQ(staging.send(registerMessage({second}, vrowire::kContinue), {other.fd}), -EPROTO);
+  beforeStaging.expectNoLeaks();
+  ASSERT_EQ(staging.send(registerMessage({record}, vrowire::kMore), {memory.fd}), 0);
+  ASSERT_EQ(staging.send(registerMessage({second}, vrowire::kContinue), {other.fd}), 0);
+  EXPECT_EQ(staging.send(registerMessage({second}, vrowire::kContinue), {pipeFds[0]}), -EPROTO);
   freeRegion(memory);
   freeRegion(other);
   close(pipeFds[0]);
