@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -153,6 +154,9 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_NO_FATAL_FAILURE(
       startPeer({"--max-memories", "3", "--max-bytes", "64K", "--max-clients", "1"}));
+  EXPECT_TRUE(
+      peer.logShows("serving " + peer.socket() +
+                    " (per client at most 3 memories and 65536 bytes; at most 1 clients)\n"));
   const int second = RawClient(peer.socket()).send(message(Kind::Ping));
   EXPECT_TRUE(second == -ECONNRESET || second == -EPIPE) << "a second client was served";
   EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(getpid()) + " uid " +
@@ -322,6 +326,10 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
   EXPECT_NE(runPeer("--socket /" + std::string(108, 's') + " 2>&1").find(": File name too long\n"),
             std::string::npos);
+  const std::string file = peer.socket() + ".txt";  // not a socket: left alone
+  ASSERT_TRUE(std::ofstream(file).good());
+  EXPECT_NE(runPeer("--socket " + file + " 2>&1").find(": File exists\n"), std::string::npos);
+  EXPECT_EQ(unlink(file.c_str()), 0);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
