@@ -213,9 +213,10 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   EXPECT_EQ(holdings().bytes, 4096u + 1 + 4096);
 
   // Memory sealed against writing can be read but not filled; command records are checked.
-  PeerFill fill{out.handle, 1};
+  PeerFill fill{out.handle, 1}, lost{-5, 1};
   PeerChecksum sum{out.handle, 0, 0}, unknown{-5, 0xDEAD, 7};
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_FILL, &fill, sizeof(fill)), -EACCES);
+  EXPECT_EQ(client->sendCommand(PEER_COMMAND_FILL, &lost, sizeof(lost)), -ENOENT);
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &sum, sizeof(sum)), 0);
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &unknown, sizeof(unknown)), -ENOENT);
   EXPECT_EQ(unknown.crc32, 0xDEADu);
@@ -370,7 +371,7 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
     std::vector<int> fds;
     int expected;
   } cases[] = {
-      {"shorter than a header", {1, 0, 1}, {}, -EBADMSG},
+      {"one byte", {1}, {}, -EBADMSG},
       {"length beyond the bytes", edited(message(Kind::Ping), 8, 4), {}, -EBADMSG},
       {"other version", edited(message(Kind::Ping), 0, 2), {}, -EPROTONOSUPPORT},
       {"unknown kind", message(static_cast<Kind>(99)), {}, -EOPNOTSUPP},
