@@ -112,6 +112,7 @@ TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
   ShmMemInfo out;
   ASSERT_EQ(mgr->registerShmMem(kOwner, 3, "link-own", own.fd, own.size, own.addr, out), 0);
   EXPECT_EQ(holdings().bytes, 4096u + 3 * 4096 + 8192);
+  EXPECT_EQ(vrowire::crc32("123456789", 9), 0xCBF43926u);  // the CRC-32 check value
   for (unsigned int type = 1; type <= 3; ++type) {
     ShmMemInfo info;
     ASSERT_EQ(mgr->getShmInfo(info, kOwner, type, -1), 0);
@@ -365,7 +366,7 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
   const auto handleFive = [](vrowire::Writer& out) { out.u32(1), out.i32(5); };
   const auto unterminated =
       edited(registerMessage({record}), vrowire::kHeaderSize + 24, 'x', vrowire::kNameSize);
-  const auto pageBeyond = [](vrowire::Writer& out) { out.u32(1u << 20); };
+  const auto huge = [](vrowire::Writer& out) { out.u32(1u << 20); };  // a page, count or extra
   const struct {
     const char* what;
     std::vector<uint8_t> bytes;
@@ -388,7 +389,9 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
       {"one handle twice", registerMessage({record, record}), {memory.fd, other.fd}, -EEXIST},
       {"no batch to go on", registerMessage({record}, vrowire::kContinue), {memory.fd}, -EPROTO},
       {"unknown handle", message(Kind::Deregister, 1, handleFive), {}, -ENOENT},
-      {"status page past end", message(Kind::Status, 1, pageBeyond), {}, -EINVAL},
+      {"status page past end", message(Kind::Status, 1, huge), {}, -EINVAL},
+      {"too many handles", message(Kind::Deregister, 1, huge), {}, -EBADMSG},
+      {"a ping with a payload", message(Kind::Ping, 1, huge), {}, -EBADMSG},
       {"an empty message", {}, {}, -ECONNRESET},
   };
   for (const auto& c : cases)
