@@ -222,6 +222,7 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &unknown, sizeof(unknown)), -ENOENT);
   EXPECT_EQ(unknown.crc32, 0xDEADu);
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &sum, sizeof(sum) - 1), -EINVAL);
+  EXPECT_EQ(client->sendCommand(PEER_COMMAND_HOLDINGS, &fill, sizeof(fill)), -EINVAL);
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_FILL, nullptr, sizeof(fill)), -EINVAL);
   EXPECT_EQ(client->sendCommand(99, &sum, sizeof(sum)), -EOPNOTSUPP);
 }
