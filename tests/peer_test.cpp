@@ -155,9 +155,9 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_NO_FATAL_FAILURE(
       startPeer({"--max-memories", "3", "--max-bytes", "64K", "--max-clients", "1"}));
-  EXPECT_TRUE(
-      peer.logShows("serving " + peer.socket() +
-                    " (per client at most 3 memories and 65536 bytes; at most 1 clients)\n"));
+  EXPECT_TRUE(peer.logShows(
+      "I/vrocam_ipc_peer(" + std::to_string(peer.pid()) + "): serving " + peer.socket() +
+      " (per client at most 3 memories and 65536 bytes; at most 1 clients)\n"));
   const int second = RawClient(peer.socket()).send(message(Kind::Ping));
   EXPECT_TRUE(second == -ECONNRESET || second == -EPIPE) << "a second client was served";
   EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(getpid()) + " uid " +
@@ -272,6 +272,7 @@ TEST_F(PeerTest, EveryCallReconnectsToAPeerThatCameBack) {
     EXPECT_EQ(call(), 0) << "call " << &call - firstCalls;
     snapshotPeer();
   }
+  EXPECT_TRUE(peer.logShows("stopped: released 1 memories of 1 clients\n")) << peer.log();
   freeRegion(own);
   EXPECT_EQ(peer.stop(), 0);
   std::thread starter([&] {
@@ -414,6 +415,7 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnErrorOrEndTheConnection) {
     EXPECT_EQ(staging.send(registerMessage({second}, vrowire::kContinue), fds), answer);
     EXPECT_EQ(staging.send(registerMessage({second}, vrowire::kContinue), {other.fd}), -EPROTO);
   }
+  EXPECT_EQ(staging.send(registerMessage({record}), {memory.fd}), -EEXIST);  // committed before
   freeRegion(memory);
   freeRegion(other);
   close(pipeFds[0]);
