@@ -40,9 +40,12 @@ std::vector<std::string> peerCommand() {
 std::string runPeer(const std::string& args) {
   std::string line;
   for (const std::string& word : peerCommand()) line += word + " ";
-  std::string out(1 << 16, '\0');
+  std::string out;
   FILE* pipe = popen((line + args).c_str(), "r");
-  out.resize(pipe != nullptr ? fread(&out[0], 1, out.size(), pipe) : 0);
+  char chunk[4096];
+  for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
+    out.append(chunk, n);
+  }
   if (pipe != nullptr) pclose(pipe);
   return out;
 }
