@@ -63,7 +63,7 @@ ratio("releaseAllShmMems 10,000 / munmap+close loop", "BM_Mgr_ReleaseAll/10000",
 for gate in ("ClosedLevelGate", "ClosedDbgLogGate"):
     def measure(mgr="BM_Mgr_" + gate, base="BM_Bare_EmptyLoop"):
         diff = cpu_ns(mgr) - cpu_ns(base)
-        return cpu_ns(mgr), cpu_ns(base), "+%.2f ns" % diff, diff <= 1.0
+        return cpu_ns(mgr), cpu_ns(base), "%+.2f ns" % diff, diff <= 1.0
     target("%s / empty loop" % gate, ("BM_Mgr_" + gate, "BM_Bare_EmptyLoop"), "<= +1 ns", measure)
 ratio("open detail line / one snprintf", "BM_Mgr_OpenDetailLine", "BM_Bare_Snprintf", 1.05)
 # Cost per memory from 100 to 10,000 memories: the manager's growth at most the bare calls'.
