@@ -32,7 +32,10 @@ bool DemoPeer::start(const std::string& binary) {
   }
   mDir = dir;
   const std::string socket = mDir + "/peer.sock";
-  const int err = mProcess.start({binary}, socket);
+  vropeer::PeerLaunch launch;
+  launch.command = {binary};
+  launch.socket = socket;
+  const int err = mProcess.start(launch);
   if (err != 0) {
     fprintf(stderr, "cannot start the peer %s: %s\n", binary.c_str(), strerror(-err));
     return false;
@@ -52,7 +55,7 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
   PeerChecksum checksum{info.handle, 0, 0};
   const int asked = client.sendCommand(PEER_COMMAND_CHECKSUM, &checksum, sizeof(checksum));
   const bool sees = asked == 0 && checksum.bytes == info.size &&
-                    checksum.crc32 == vrowire::crc32(expected.data(), expected.size());
+                    checksum.crc32 == vrowire::crc32(0, expected.data(), expected.size());
 
   const auto theirs = static_cast<unsigned char>(written ^ 0xFF);
   PeerFill fill{info.handle, theirs};

@@ -6,6 +6,7 @@
 #include <sys/signalfd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,11 +27,16 @@ struct Options {
 void usage(FILE* out) {
   fprintf(out,
           "usage: vrocam_ipc_peer --socket PATH [--max-memories N] [--max-bytes N[K|M|G]]\n"
-          "                       [--max-clients N]\n"
+          "                       [--max-clients N] [--max-total-memories N]\n"
+          "                       [--idle-timeout MS] [--batch-timeout MS]\n"
           "       vrocam_ipc_peer --status --socket PATH\n"
-          "Serves the IPC link on the AF_UNIX socket PATH until SIGTERM or SIGINT. Limits per\n"
-          "client: --max-memories (default 4096), --max-bytes (default 4G); --max-clients\n"
-          "(default 64). --status prints what a running peer holds, per client.\n");
+          "Serves the IPC link on the AF_UNIX socket PATH until SIGTERM, SIGINT or SIGHUP. Limits\n"
+          "per client: --max-memories (default 4096), --max-bytes (default 4G); --max-clients\n"
+          "(default 64); --max-total-memories of all clients (default: what the descriptor and\n"
+          "mapping limits allow). An idle client holding nothing gives up its slot to a new one\n"
+          "after --idle-timeout (default 30000 ms); an unfinished batch or an untaken answer is\n"
+          "dropped after --batch-timeout (default 10000 ms). --status prints what a running peer\n"
+          "holds, per client.\n");
 }
 
 // A whole number from 1 to max, with an optional K, M or G suffix where allowed.
@@ -70,6 +76,12 @@ bool parse(int argc, char** argv, Options* options) {
       options->limits.perClient.maxBytes = n;
     } else if (arg == "--max-clients" && number(value, 1024, false, &n)) {
       options->limits.maxClients = static_cast<uint32_t>(n);
+    } else if (arg == "--max-total-memories" && number(value, 1u << 24, false, &n)) {
+      options->limits.maxMemories = static_cast<uint32_t>(n);
+    } else if (arg == "--idle-timeout" && number(value, 1u << 30, false, &n)) {
+      options->limits.idleTimeout = std::chrono::milliseconds(n);
+    } else if (arg == "--batch-timeout" && number(value, 1u << 30, false, &n)) {
+      options->limits.batchTimeout = std::chrono::milliseconds(n);
     } else {
       return false;
     }
@@ -77,22 +89,35 @@ bool parse(int argc, char** argv, Options* options) {
   return !options->socket.empty();
 }
 
+// The longest status text taken from a peer.
+constexpr size_t kMaxStatusText = 64 << 20;
+
 // Prints a running peer's status text, page by page.
 int status(const std::string& path) {
   vrowire::UniqueFd sock;
   int err = vrowire::connectTo(path, 2000, &sock);
   std::string text;
+  vrowire::Request request;
+  request.kind = vrowire::Kind::Status;
   uint8_t buffer[vrowire::kMaxMessage];
-  for (uint32_t seq = 1; err == 0; ++seq) {
-    vrowire::Writer out(buffer, sizeof(buffer));
-    out.header(static_cast<uint16_t>(vrowire::Kind::Status), seq);
-    out.u32(static_cast<uint32_t>(text.size()));
+  while (err == 0) {
+    ++request.seq;
     vrowire::Answer answer;
-    err = vrowire::roundTrip(sock.get(), buffer, sizeof(buffer), out.finish(), &answer);
+    int closing = 0;
+    const size_t size = vrowire::encodeRequest(buffer, sizeof(buffer), request);
+    err = vrowire::roundTrip(sock.get(), buffer, sizeof(buffer), size, 2000, &answer, &closing);
+    if (closing != 0) err = closing;
     if (err == 0) err = answer.status;
+    if (err == 0 && answer.more && answer.text.empty()) err = -EPROTO;  // no progress
     if (err != 0) break;
     text += answer.text;
-    if (answer.text.empty() || text.size() >= answer.word) break;
+    if (text.size() > kMaxStatusText) {
+      fprintf(stderr, "vrocam_ipc_peer: the status from %s is longer than %zu MiB: refused\n",
+              path.c_str(), kMaxStatusText >> 20);
+      return 1;
+    }
+    if (!answer.more) break;
+    request.cursor = answer.next;
   }
   if (err != 0) {
     fprintf(stderr, "vrocam_ipc_peer: no status from %s: %s\n", path.c_str(), strerror(-err));
@@ -108,6 +133,7 @@ int serve(const Options& options) {
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGHUP);
   sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
   vrowire::UniqueFd stop(signalfd(-1, &stopSignals, SFD_CLOEXEC));
   // Each memory a client holds costs a descriptor: allow as many as the hard limit does.

@@ -10,12 +10,12 @@
 
 namespace vrocam_host {
 
-void writeLogLine(char levelLetter, const char* tag, const char* text) {
-  char line[1200];
-  int n = snprintf(line, sizeof(line), "%c/%s(%d): ", levelLetter, tag != nullptr ? tag : "",
+size_t formatLogLine(char* line, size_t capacity, char levelLetter, const char* tag,
+                     const char* text) {
+  int n = snprintf(line, capacity, "%c/%s(%d): ", levelLetter, tag != nullptr ? tag : "",
                    static_cast<int>(getpid()));
-  if (n < 0) return;
-  size_t used = static_cast<size_t>(n) < sizeof(line) ? static_cast<size_t>(n) : sizeof(line) - 1;
+  if (n < 0) n = 0;
+  size_t used = static_cast<size_t>(n) < capacity ? static_cast<size_t>(n) : capacity - 1;
   // The line breaks that end a message end the line; every other control character is shown as
   // an escape, so that a message (a name from another process, say) cannot break or forge lines.
   size_t length = text != nullptr ? strlen(text) : 0;
@@ -33,12 +33,18 @@ void writeLogLine(char levelLetter, const char* tag, const char* text) {
       snprintf(escape, sizeof(escape), "\\x%02x", c);
       size = 4;
     }
-    if (sizeof(line) - 1 - used < size) break;  // a long line is cut, never an escape in it
+    if (capacity - 1 - used < size) break;  // a long line is cut, never an escape in it
     memcpy(line + used, escape, size);
     used += size;
   }
   line[used++] = '\n';
-  ssize_t ignored = write(STDERR_FILENO, line, used);
+  return used;
+}
+
+void writeLogLine(char levelLetter, const char* tag, const char* text) {
+  char line[kMaxLogLine];
+  const size_t size = formatLogLine(line, sizeof(line), levelLetter, tag, text);
+  ssize_t ignored = write(STDERR_FILENO, line, size);
   (void)ignored;
 }
 

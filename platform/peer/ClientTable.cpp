@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// ClientTable: checks, maps, stages and commits a client's memories.
+// ClientTable: checks, maps, stages, commits and undoes a client's memories.
 #include "ClientTable.h"
 
 #include <fcntl.h>
@@ -37,10 +37,9 @@ bool ClientTable::taken(int32_t handle) const {
   return false;
 }
 
-// Checks one record against its descriptor and the limits (count and bytes already held or
-// staged before it), then maps it.
-int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, uint32_t count,
-                       uint64_t bytes, Memory* out) const {
+// Checks one record against its descriptor and, fits or not, against the limits; then maps it.
+int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, bool fits,
+                       Memory* out) const {
   if (record.size <= 0) return -EINVAL;
   if (!fd) return -EBADF;
   struct stat st {};
@@ -51,13 +50,16 @@ int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, uint
   const auto size = static_cast<uint64_t>(record.size);
   if (static_cast<uint64_t>(st.st_size) < size) return -EOVERFLOW;
   if (taken(record.handle)) return -EEXIST;
-  if (count >= mLimits.maxMemories || size > mLimits.maxBytes - bytes) return -ENOSPC;
+  if (!fits) return -ENOSPC;
 
+  // Huge pages are mapped, and so unmapped, whole: st_blksize is the memory's page size.
+  const auto page = static_cast<uint64_t>(st.st_blksize > 0 ? st.st_blksize : 4096);
+  const size_t length = (size + page - 1) / page * page;
   bool writable = true;
-  void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  void* addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (addr == MAP_FAILED && (errno == EPERM || errno == EACCES)) {
     writable = false;  // sealed against writing, or sent read-only
-    addr = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0);
+    addr = mmap(nullptr, length, PROT_READ, MAP_SHARED, fd.get(), 0);
   }
   if (addr == MAP_FAILED) return -errno;
   out->handle = record.handle;
@@ -65,35 +67,37 @@ int ClientTable::admit(const vrowire::Record& record, vrowire::UniqueFd fd, uint
   out->size = size;
   out->name = record.name;
   out->fd = std::move(fd);
-  out->mapping = Mapping(addr, size);
+  out->mapping = Mapping(addr, length);
   out->writable = writable;
+  out->batch = mBatch;
   return 0;
 }
 
-int ClientTable::registerPart(const vrowire::Request& request,
-                              std::vector<vrowire::UniqueFd>& fds) {
+int ClientTable::registerPart(const vrowire::Request& request, std::vector<vrowire::UniqueFd>& fds,
+                              size_t room) {
   const bool continues = (request.flags & vrowire::kContinue) != 0;
   if (fds.size() != request.records.size() || (continues && !mBatchOpen)) {
     abandonBatch();
     return fds.size() != request.records.size() ? -EBADF : -EPROTO;
   }
-  if (!continues) abandonBatch();
-  auto count = static_cast<uint32_t>(mMemories.size() + mStaged.size());
-  uint64_t bytes = mBytes + mStagedBytes;
-  const size_t firstNew = mStaged.size();
+  if (!continues) {
+    abandonBatch();
+    mBatch = request.seq;
+  }
   for (size_t i = 0; i < request.records.size(); ++i) {
+    const auto size = static_cast<uint64_t>(request.records[i].size);
+    const bool fits = held() < mLimits.maxMemories && i < room &&
+                      size <= mLimits.maxBytes - mBytes - mStagedBytes;
     Memory memory;
-    const int err = admit(request.records[i], std::move(fds[i]), count, bytes, &memory);
+    const int err = admit(request.records[i], std::move(fds[i]), fits, &memory);
     if (err != 0) {
       abandonBatch();
       return err;
     }
     // Staged at once, so that a handle repeated within the message is seen as taken.
-    ++count;
-    bytes += memory.size;
+    mStagedBytes += memory.size;
     mStaged.push_back(std::move(memory));
   }
-  for (size_t i = firstNew; i < mStaged.size(); ++i) mStagedBytes += mStaged[i].size;
   if ((request.flags & vrowire::kMore) != 0) {
     mBatchOpen = true;
     return 0;
@@ -103,6 +107,7 @@ int ClientTable::registerPart(const vrowire::Request& request,
     mMemories.emplace(handle, std::move(memory));
   }
   mBytes += mStagedBytes;
+  mStaged.clear();
   abandonBatch();  // now empty of anything that was not committed
   return 0;
 }
@@ -111,6 +116,26 @@ void ClientTable::abandonBatch() {
   mStaged.clear();
   mStagedBytes = 0;
   mBatchOpen = false;
+}
+
+void ClientTable::clear() {
+  mMemories.clear();
+  mBytes = 0;
+  abandonBatch();
+}
+
+size_t ClientTable::cancel(uint32_t batch) {
+  size_t undone = 0;
+  for (auto it = mMemories.begin(); it != mMemories.end();) {
+    if (it->second.batch != batch) {
+      ++it;
+      continue;
+    }
+    mBytes -= it->second.size;
+    it = mMemories.erase(it);
+    ++undone;
+  }
+  return undone;
 }
 
 int ClientTable::deregister(const std::vector<int32_t>& handles) {

@@ -3,6 +3,7 @@
 #include "PeerProcess.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,10 +22,13 @@ bool answers(const std::string& socket) {
   vrowire::UniqueFd sock;
   if (vrowire::connectTo(socket, 1000, &sock) != 0) return false;
   uint8_t buffer[64];
-  vrowire::Writer out(buffer, sizeof(buffer));
-  out.header(static_cast<uint16_t>(vrowire::Kind::Ping), 1);
+  vrowire::Request ping;
+  ping.seq = 1;
   vrowire::Answer answer;
-  return vrowire::roundTrip(sock.get(), buffer, sizeof(buffer), out.finish(), &answer) == 0 &&
+  int closing = 0;
+  const size_t size = vrowire::encodeRequest(buffer, sizeof(buffer), ping);
+  return vrowire::roundTrip(sock.get(), buffer, sizeof(buffer), size, 1000, &answer, &closing) ==
+             0 &&
          answer.status == 0;
 }
 
@@ -32,35 +36,58 @@ bool answers(const std::string& socket) {
 
 PeerProcess::~PeerProcess() { stop(SIGKILL); }
 
-int PeerProcess::start(const std::vector<std::string>& command, const std::string& socket,
-                       const std::vector<std::string>& extra, const std::string& logPath,
-                       int timeoutMs) {
+int PeerProcess::start(const PeerLaunch& launch) {
   if (mPid > 0) return -EBUSY;
-  if (command.empty()) return -EINVAL;
-  std::vector<std::string> args = command;
-  args.insert(args.end(), {"--socket", socket});
-  args.insert(args.end(), extra.begin(), extra.end());
+  if (launch.command.empty()) return -EINVAL;
+  std::vector<std::string> args = launch.command;
+  args.insert(args.end(), {"--socket", launch.socket});
+  args.insert(args.end(), launch.flags.begin(), launch.flags.end());
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);
   argv.push_back(nullptr);
   vrowire::UniqueFd log;
-  if (!logPath.empty()) {
-    log.reset(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  if (!launch.logPath.empty()) {
+    log.reset(open(launch.logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     if (!log) return -errno;
   }
+  int pipeFds[2];  // carries exec's errno; closed by a successful exec
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return -errno;
+  vrowire::UniqueFd execRead(pipeFds[0]);
+  vrowire::UniqueFd execWrite(pipeFds[1]);
+  const pid_t parent = getpid();
 
   mPid = fork();
   if (mPid < 0) return -errno;
   if (mPid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // the parent died before the line above
     // With a log the peer keeps no pipe of ours open: a caller that dies without stopping it
     // leaves no reader of its output waiting for the peer too.
     if (log) dup2(log.get(), STDOUT_FILENO), dup2(log.get(), STDERR_FILENO);
-    close_range(STDERR_FILENO + 1, ~0u, 0);  // the peer gets stdio and nothing else of ours
+    if (launch.maxFiles != 0) {
+      const rlimit files{launch.maxFiles, launch.maxFiles};
+      setrlimit(RLIMIT_NOFILE, &files);
+    }
+    // The peer gets stdio and nothing else of ours (the errno pipe closes at exec).
+    close_range(STDERR_FILENO + 1, static_cast<unsigned>(execWrite.get()) - 1, 0);
+    close_range(static_cast<unsigned>(execWrite.get()) + 1, ~0u, 0);
     execvp(argv[0], argv.data());
+    const int err = errno;
+    if (write(execWrite.get(), &err, sizeof(err)) != sizeof(err)) _exit(126);
     _exit(127);
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!answers(socket)) {
+  execWrite.reset();
+  int execErr = 0;
+  ssize_t got;
+  while ((got = read(execRead.get(), &execErr, sizeof(execErr))) < 0 && errno == EINTR) {
+  }
+  if (got == sizeof(execErr)) {
+    stop(SIGKILL);
+    return -execErr;
+  }
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(launch.timeoutMs);
+  while (!answers(launch.socket)) {
     int status = 0;
     if (waitpid(mPid, &status, WNOHANG) == mPid) {
       mPid = -1;

@@ -3,34 +3,34 @@
 #include "SocketClient.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include "HostLogLine.h"
-#include "Packet.h"
 #include "PeerCommands.h"
-#include "PeerWire.h"
 
 namespace NSCam {
 namespace ipc {
 namespace wrapper {
 
+using vrowire::Deadline;
 using vrowire::Kind;
 
 namespace {
-
-constexpr auto kind(Kind value) { return static_cast<uint16_t>(value); }
 
 // Errors of a send after which the connection is gone, not the request refused.
 bool linkDown(int err) {
   return err == -EPIPE || err == -ECONNRESET || err == -ENOTCONN || err == -ECONNREFUSED;
 }
+
+// Registrations given up on, kept until they can be sent; beyond, the connection is given up.
+constexpr size_t kMaxCancels = 64;
 
 }  // namespace
 
@@ -53,50 +53,107 @@ SocketClient* SocketClient::shared() {
   return client;
 }
 
-vrowire::Writer SocketClient::begin(uint16_t requestKind) {
-  vrowire::Writer out(mOut.get(), vrowire::kMaxMessage);
-  mKind = requestKind;
-  out.header(requestKind, ++mSeq);
-  return out;
+vrowire::Request& SocketClient::begin(Kind kind) {
+  mRequest.kind = kind;
+  mRequest.seq = ++mSeq;
+  mRequest.flags = 0;
+  mRequest.records.clear();
+  mRequest.handles.clear();
+  return mRequest;
 }
 
-int SocketClient::connectLocked() {
-  const int err = vrowire::connectTo(mPath, mTimeoutMs, &mSock);
-  if (err != 0 && !mReported) {
-    mReported = true;
-    const std::string text = "cannot reach the peer at " + mPath + ": " + strerror(-err);
-    vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
+void SocketClient::report(const std::string& text) {
+  if (mReported) return;
+  mReported = true;
+  vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
+}
+
+int SocketClient::connectLocked(Deadline deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - vrowire::Clock::now());
+  vrowire::UniqueFd sock;
+  int err =
+      vrowire::connectTo(mPath, static_cast<int>(std::max<long long>(left.count(), 1)), &sock);
+  ucred cred{};
+  socklen_t length = sizeof(cred);
+  if (err == 0 && getsockopt(sock.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) {
+    err = -errno;
   }
-  if (err == 0) mReported = false;
-  return err;
+  if (err == 0 && cred.uid != geteuid() && cred.uid != 0) {
+    report("refused the peer at " + mPath + ": it runs as uid " + std::to_string(cred.uid) +
+           ", neither ours (" + std::to_string(geteuid()) + ") nor root");
+    return -EACCES;
+  }
+  if (err != 0) {
+    report("cannot reach the peer at " + mPath + ": " + strerror(-err));
+    return err;
+  }
+  mSock = std::move(sock);
+  mCancels.clear();  // a new connection holds nothing to undo
+  return 0;
 }
 
-void SocketClient::lose(int err) {
+void SocketClient::lose(int err, int closing) {
   mSock.reset();
-  if (!mReported) {
-    mReported = true;
-    const std::string text = "lost the peer at " + mPath + ": " + strerror(-err);
-    vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
-  }
+  mCancels.clear();
+  report(closing != 0 ? "the peer at " + mPath + " ended the connection: " + strerror(-closing)
+                      : "lost the peer at " + mPath + ": " + strerror(-err));
 }
 
-int SocketClient::exchange(size_t size, const int* fds, size_t fdCount, bool first,
+int SocketClient::sendCancels(Deadline deadline) {
+  while (!mCancels.empty()) {
+    vrowire::Request cancel;
+    cancel.kind = Kind::Cancel;
+    cancel.seq = ++mSeq;
+    cancel.batch = mCancels.front();
+    uint8_t message[vrowire::kHeaderSize + 4];
+    const size_t size = vrowire::encodeRequest(message, sizeof(message), cancel);
+    const int err = vrowire::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
+    if (err != 0) return err;
+    mCancels.erase(mCancels.begin());  // its answer is dropped when it comes
+  }
+  return 0;
+}
+
+int SocketClient::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
                            vrowire::Answer* answer) {
+  const size_t size = vrowire::encodeRequest(mOut.get(), vrowire::kMaxMessage, mRequest);
   if (size == 0) return -EMSGSIZE;
-  const bool fresh = !mSock;
-  int err = fresh ? connectLocked() : 0;
-  if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount);
-  if (linkDown(err) && first && !fresh) {
-    // The connection ended since the last call (the peer restarted): nothing was delivered.
-    err = connectLocked();
-    if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount);
+  for (;;) {
+    const bool fresh = !mSock;
+    int err = fresh ? connectLocked(deadline) : 0;
+    if (err != 0) return err;
+    err = sendCancels(deadline);
+    if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount, deadline);
+    if (err == -EBADF) return err;  // a descriptor of the caller's: nothing was sent
+    const bool sent = err == 0;
+    int closing = 0;
+    if (sent || linkDown(err)) {
+      // After a failed send, what the peer said before it ended the connection is still there.
+      const int answered = vrowire::awaitAnswer(
+          mSock.get(), mIn.get(), vrowire::kMaxMessage, static_cast<uint16_t>(mRequest.kind),
+          mRequest.seq, sent ? deadline : Deadline::min(), answer, &closing);
+      if (sent) err = answered;
+    }
+    if (err == 0) {
+      mReported = false;
+      return 0;
+    }
+    if (err == -ETIMEDOUT) {
+      report("no answer from the peer at " + mPath + " within " + std::to_string(mTimeoutMs) +
+             " ms; the connection is kept");
+      return err;
+    }
+    // A connection that ended before the peer read this request (the peer restarted, or gave
+    // an idle slot away) is replaced once, and the request sent again.
+    const bool unread = (!sent && linkDown(err)) || closing == -ETIMEDOUT;
+    if (retry && !fresh && unread) {
+      mSock.reset();
+      retry = false;
+      continue;
+    }
+    lose(err, closing);
+    return closing != 0 ? closing : err;
   }
-  if (err == -EBADF && mSock) return err;  // a descriptor of the caller's; nothing was sent
-  if (err == 0) {
-    err = vrowire::receiveAnswer(mSock.get(), mIn.get(), vrowire::kMaxMessage, mKind, mSeq, answer);
-  }
-  if (err != 0 && mSock) lose(err);
-  return err;
 }
 
 int SocketClient::registerLocked(const ShmMemInfo* infos, size_t count) {
@@ -104,23 +161,29 @@ int SocketClient::registerLocked(const ShmMemInfo* infos, size_t count) {
     if (infos[i].fd < 0) return -EBADF;
     if (strlen(infos[i].name.c_str()) >= vrowire::kNameSize) return -ENAMETOOLONG;
   }
+  const Deadline deadline = vrowire::after(mTimeoutMs);
+  uint32_t batch = 0;
   size_t start = 0;
   do {
     const size_t part = std::min(vrowire::kMaxRecords, count - start);
-    vrowire::Writer out = begin(kind(Kind::Register));
-    out.u32((start > 0 ? vrowire::kContinue : 0) | (start + part < count ? vrowire::kMore : 0));
-    out.u32(static_cast<uint32_t>(part));
+    vrowire::Request& request = begin(Kind::Register);
+    if (start == 0) batch = request.seq;
+    request.flags =
+        (start > 0 ? vrowire::kContinue : 0) | (start + part < count ? vrowire::kMore : 0);
     int fds[vrowire::kMaxRecords];
     for (size_t i = 0; i < part; ++i) {
       const ShmMemInfo& info = infos[start + i];
-      out.i32(info.handle);
-      out.u32(info.type);
-      out.i64(info.size);
-      out.name(info.name.c_str(), strlen(info.name.c_str()));
+      request.records.push_back(vrowire::Record{info.handle, info.type, info.size, info.name});
       fds[i] = info.fd;
     }
     vrowire::Answer answer;
-    const int err = exchange(out.finish(), fds, part, start == 0, &answer);
+    const int err = exchange(fds, part, start == 0, deadline, &answer);
+    if (err == -ETIMEDOUT && mSock) {
+      // The peer may still commit what it was sent: it undoes it when it reads this.
+      if (mCancels.size() >= kMaxCancels) lose(err, 0);
+      if (mSock) mCancels.push_back(batch);
+      if (mSock) sendCancels(Deadline::min());
+    }
     if (err != 0) return err;
     if (answer.status != 0) return answer.status;
     start += part;
@@ -140,15 +203,15 @@ int SocketClient::registerShms(std::vector<ShmMemInfo>& infos) {
 
 int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
   std::lock_guard<std::mutex> guard(mLock);
+  const Deadline deadline = vrowire::after(mTimeoutMs);
   int result = 0;
   size_t start = 0;
   do {
     const size_t part = std::min(vrowire::kMaxHandles, infos.size() - start);
-    vrowire::Writer out = begin(kind(Kind::Deregister));
-    out.u32(static_cast<uint32_t>(part));
-    for (size_t i = 0; i < part; ++i) out.i32(infos[start + i].handle);
+    vrowire::Request& request = begin(Kind::Deregister);
+    for (size_t i = 0; i < part; ++i) request.handles.push_back(infos[start + i].handle);
     vrowire::Answer answer;
-    const int err = exchange(out.finish(), nullptr, 0, start == 0, &answer);
+    const int err = exchange(nullptr, 0, start == 0, deadline, &answer);
     if (err != 0) return err;
     if (result == 0) result = answer.status;
     start += part;
@@ -157,59 +220,50 @@ int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
 }
 
 int SocketClient::sendCommand(int command, void* data, size_t length) {
+  const size_t sizes[] = {0, sizeof(PeerChecksum), sizeof(PeerFill), sizeof(PeerHoldings)};
+  if (command < PEER_COMMAND_CHECKSUM || command > PEER_COMMAND_HOLDINGS) return -EOPNOTSUPP;
+  if (data == nullptr || length != sizes[command]) return -EINVAL;
   std::lock_guard<std::mutex> guard(mLock);
   vrowire::Answer answer;
   int err = 0;
-  switch (command) {
-    case PEER_COMMAND_CHECKSUM: {
-      if (data == nullptr || length != sizeof(PeerChecksum)) return -EINVAL;
-      auto* checksum = static_cast<PeerChecksum*>(data);
-      vrowire::Writer out = begin(kind(Kind::Checksum));
-      out.i32(checksum->handle);
-      err = exchange(out.finish(), nullptr, 0, true, &answer);
-      if (err != 0 || answer.status != 0) break;
-      checksum->crc32 = answer.word;
-      checksum->bytes = answer.wide;
-      break;
-    }
-    case PEER_COMMAND_FILL: {
-      if (data == nullptr || length != sizeof(PeerFill)) return -EINVAL;
-      const auto* fill = static_cast<const PeerFill*>(data);
-      vrowire::Writer out = begin(kind(Kind::Fill));
-      out.i32(fill->handle);
-      out.u8(fill->value);
-      err = exchange(out.finish(), nullptr, 0, true, &answer);
-      break;
-    }
-    case PEER_COMMAND_HOLDINGS: {
-      if (data == nullptr || length != sizeof(PeerHoldings)) return -EINVAL;
-      vrowire::Writer out = begin(kind(Kind::Holdings));
-      err = exchange(out.finish(), nullptr, 0, true, &answer);
-      if (err != 0 || answer.status != 0) break;
-      auto* holdings = static_cast<PeerHoldings*>(data);
-      holdings->memories = answer.word;
-      holdings->bytes = answer.wide;
-      break;
-    }
-    default:
-      return -EOPNOTSUPP;
+  if (command == PEER_COMMAND_CHECKSUM) {
+    auto* checksum = static_cast<PeerChecksum*>(data);
+    begin(Kind::Checksum).handle = checksum->handle;
+    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+    if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
+    checksum->crc32 = answer.crc32;
+    checksum->bytes = answer.bytes;
+  } else if (command == PEER_COMMAND_FILL) {
+    const auto* fill = static_cast<const PeerFill*>(data);
+    vrowire::Request& request = begin(Kind::Fill);
+    request.handle = fill->handle;
+    request.value = fill->value;
+    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+  } else {
+    begin(Kind::Holdings);
+    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+    if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
+    auto* holdings = static_cast<PeerHoldings*>(data);
+    holdings->memories = answer.memories;
+    holdings->bytes = answer.bytes;
+    holdings->staged = answer.staged;
+    holdings->stagedBytes = answer.stagedBytes;
   }
   return err != 0 ? err : answer.status;
 }
 
 int SocketClient::waitForPeer(int timeoutMs) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  const Deadline deadline = vrowire::after(timeoutMs);
   for (;;) {
     int err = 0;
     {
       std::lock_guard<std::mutex> guard(mLock);
-      vrowire::Writer out = begin(kind(Kind::Ping));
+      begin(Kind::Ping);
       vrowire::Answer answer;
-      err = exchange(out.finish(), nullptr, 0, true, &answer);
+      err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
       if (err == 0) err = answer.status;
     }
-    if (err == 0 || Clock::now() >= deadline) return err;
+    if (err == 0 || vrowire::Clock::now() >= deadline) return err;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }

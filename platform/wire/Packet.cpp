@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// SOCK_SEQPACKET messages with SCM_RIGHTS.
+// SOCK_SEQPACKET messages with SCM_RIGHTS, deadlines and answers.
 #include "Packet.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -12,8 +13,28 @@
 #include "PeerWire.h"
 
 namespace vrowire {
+namespace {
 
-int sendPacket(int sock, const void* data, size_t size, const int* fds, size_t fdCount, int flags) {
+// Waits until sock has events or deadline passed: 0, -ETIMEDOUT, or poll's error.
+int waitFor(int sock, short events, Deadline deadline) {
+  for (;;) {
+    int ms = -1;
+    if (deadline != Deadline::max()) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() <= 0) return -ETIMEDOUT;
+      ms = left.count() > 1000000 ? 1000000 : static_cast<int>(left.count());
+    }
+    pollfd one{sock, events, 0};
+    const int ready = poll(&one, 1, ms);
+    if (ready > 0) return 0;
+    if (ready < 0 && errno != EINTR) return -errno;
+  }
+}
+
+}  // namespace
+
+int sendPacket(int sock, const void* data, size_t size, const int* fds, size_t fdCount,
+               Deadline deadline) {
   if (fdCount > kMaxFds) return -EINVAL;
   iovec iov{const_cast<void*>(data), size};
   msghdr msg{};
@@ -29,15 +50,17 @@ int sendPacket(int sock, const void* data, size_t size, const int* fds, size_t f
     cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
     memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
   }
-  ssize_t sent;
-  do {
-    sent = sendmsg(sock, &msg, flags | MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
-  if (sent < 0) return errno == EAGAIN ? -ETIMEDOUT : -errno;
-  return static_cast<size_t>(sent) == size ? 0 : -EMSGSIZE;
+  for (;;) {
+    const ssize_t sent = sendmsg(sock, &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) return static_cast<size_t>(sent) == size ? 0 : -EMSGSIZE;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return -errno;
+    const int waited = waitFor(sock, POLLOUT, deadline);
+    if (waited != 0) return waited;
+  }
 }
 
-ssize_t recvPacket(int sock, void* buffer, size_t capacity, Received* out, int flags) {
+ssize_t recvPacket(int sock, void* buffer, size_t capacity, Received* out, Deadline deadline) {
   out->fds.clear();
   iovec iov{buffer, capacity};
   msghdr msg{};
@@ -47,10 +70,22 @@ ssize_t recvPacket(int sock, void* buffer, size_t capacity, Received* out, int f
   msg.msg_control = control;
   msg.msg_controllen = sizeof(control);
   ssize_t got;
-  do {
-    got = recvmsg(sock, &msg, flags | MSG_CMSG_CLOEXEC);
-  } while (got < 0 && errno == EINTR);
-  if (got < 0) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+  bool reset = false;
+  for (;;) {
+    got = recvmsg(sock, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (got >= 0) break;
+    if (errno == EINTR) continue;
+    // A socket closed with our message unread reports the reset first, then still delivers
+    // what it sent before (the reason it gave, say).
+    if (errno == ECONNRESET && !reset) {
+      reset = true;
+      continue;
+    }
+    if (reset && errno == EAGAIN) return -ECONNRESET;
+    if (errno != EAGAIN) return -errno;
+    const int waited = waitFor(sock, POLLIN, deadline);
+    if (waited != 0) return waited;
+  }
   // Take every descriptor first, so that none escapes whatever the message turns out to be.
   for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
     if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
@@ -67,41 +102,46 @@ ssize_t recvPacket(int sock, void* buffer, size_t capacity, Received* out, int f
   return got;
 }
 
-int receiveAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint32_t seq,
-                  Answer* answer) {
-  Received received;
-  const ssize_t got = recvPacket(sock, buffer, capacity, &received);
-  if (got < 0) return static_cast<int>(got);
-  if (got == 0) return -ECONNRESET;
-  if (received.truncated || !received.fds.empty() ||
-      decodeAnswer(buffer, static_cast<size_t>(got), answer) != 0 || answer->seq != seq ||
-      answer->kind != (kAnswer | kind)) {
-    return -EPROTO;
-  }
-  return 0;
+bool connectionEnded(int sock) {
+  // The end of a connection reads as 0 bytes for ever; an empty message only once.
+  char byte = 0;
+  const ssize_t got = recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  return got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR);
 }
 
-int roundTrip(int sock, uint8_t* buffer, size_t capacity, size_t size, Answer* answer) {
+int awaitAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint32_t seq,
+                Deadline deadline, Answer* answer, int* closing) {
+  *closing = 0;
+  for (;;) {
+    Received received;
+    const ssize_t got = recvPacket(sock, buffer, capacity, &received, deadline);
+    if (got < 0) return static_cast<int>(got);
+    if (got == 0) return -ECONNRESET;
+    if (received.truncated || !received.fds.empty() ||
+        decodeAnswer(buffer, static_cast<size_t>(got), answer) != 0) {
+      return -EPROTO;
+    }
+    if (answer->kind == answerKind(Kind::Closing)) {
+      *closing = answer->status;
+      return -ECONNRESET;
+    }
+    if (answer->seq == seq && answer->kind == (kAnswer | kind)) return 0;
+    // An answer to an earlier request, which gave up waiting for it, is dropped.
+    if (static_cast<int32_t>(answer->seq - seq) >= 0) return -EPROTO;
+  }
+}
+
+int roundTrip(int sock, uint8_t* buffer, size_t capacity, size_t size, int timeoutMs,
+              Answer* answer, int* closing) {
+  *closing = 0;
   if (size < kHeaderSize) return -EINVAL;
   Reader header(buffer, kHeaderSize);
   header.u16();
   const uint16_t kind = header.u16();
   const uint32_t seq = header.u32();
-  const int err = sendPacket(sock, buffer, size, nullptr, 0);
-  return err != 0 ? err : receiveAnswer(sock, buffer, capacity, kind, seq, answer);
-}
-
-int setTimeouts(int sock, int timeoutMs) {
-  timeval tv{};
-  if (timeoutMs > 0) {
-    tv.tv_sec = timeoutMs / 1000;
-    tv.tv_usec = static_cast<suseconds_t>(timeoutMs % 1000) * 1000;
-  }
-  if (setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0 ||
-      setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) {
-    return -errno;
-  }
-  return 0;
+  const Deadline deadline = after(timeoutMs);
+  const int err = sendPacket(sock, buffer, size, nullptr, 0, deadline);
+  return err != 0 ? err : awaitAnswer(sock, buffer, capacity, kind, seq, deadline, answer, closing);
 }
 
 int connectTo(const std::string& path, int timeoutMs, UniqueFd* out) {
@@ -111,13 +151,14 @@ int connectTo(const std::string& path, int timeoutMs, UniqueFd* out) {
   memcpy(addr.sun_path, path.c_str(), path.size() + 1);
   UniqueFd sock(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!sock) return -errno;
-  const int timeouts = setTimeouts(sock.get(), timeoutMs);
-  if (timeouts != 0) return timeouts;
+  // A listener whose backlog is full keeps connect() waiting, as long as the send timeout says.
+  timeval tv{timeoutMs / 1000, static_cast<suseconds_t>(timeoutMs % 1000) * 1000};
+  if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) return -errno;
   int done;
   do {
     done = connect(sock.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
   } while (done != 0 && errno == EINTR);
-  if (done != 0) return errno == EAGAIN ? -ETIMEDOUT : -errno;
+  if (done != 0) return errno == EAGAIN || errno == EINPROGRESS ? -ETIMEDOUT : -errno;
   *out = std::move(sock);
   return 0;
 }

@@ -26,16 +26,15 @@ void Writer::bytes(const void* data, size_t size) {
   mUsed += size;
 }
 
-bool Writer::name(const char* text, size_t length) {
-  if (length >= kNameSize) return false;
-  if (mFailed || mCap - mUsed < kNameSize) {
+void Writer::name(const std::string& text) {
+  const size_t length = strnlen(text.c_str(), text.size());
+  if (length >= kNameSize || mFailed || mCap - mUsed < kNameSize) {
     mFailed = true;
-    return true;
+    return;
   }
   memset(mBuf + mUsed, 0, kNameSize);
-  if (length != 0) memcpy(mBuf + mUsed, text, length);
+  memcpy(mBuf + mUsed, text.data(), length);
   mUsed += kNameSize;
-  return true;
 }
 
 size_t Writer::finish() {
@@ -114,7 +113,8 @@ int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out
   out->handles.clear();
   out->handle = -1;
   out->value = 0;
-  out->offset = 0;
+  out->cursor = StatusCursor();
+  out->batch = 0;
   Reader in(data, size);
   uint16_t kind = 0;
   const int header = readHeader(in, size, &kind, &out->seq);
@@ -140,7 +140,11 @@ int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out
       out->value = in.u8();
       break;
     case Kind::Status:
-      out->offset = in.u32();
+      out->cursor.client = in.u32();
+      out->cursor.after = in.i64();
+      break;
+    case Kind::Cancel:
+      out->batch = in.u32();
       break;
     default:
       return -EOPNOTSUPP;
@@ -151,26 +155,60 @@ int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out
   return 0;
 }
 
-namespace {
-
-// Whether an answer of kind carries (word, wide) or (word, text) after a status of 0.
-bool hasWide(uint16_t kind) {
-  return kind == (kAnswer | static_cast<uint16_t>(Kind::Checksum)) ||
-         kind == (kAnswer | static_cast<uint16_t>(Kind::Holdings));
+size_t encodeRequest(uint8_t* buffer, size_t capacity, const Request& request) {
+  Writer out(buffer, capacity);
+  out.header(static_cast<uint16_t>(request.kind), request.seq);
+  switch (request.kind) {
+    case Kind::Register:
+      out.u32(request.flags);
+      out.u32(static_cast<uint32_t>(request.records.size()));
+      for (const Record& record : request.records) {
+        out.i32(record.handle);
+        out.u32(record.type);
+        out.i64(record.size);
+        out.name(record.name);
+      }
+      break;
+    case Kind::Deregister:
+      out.u32(static_cast<uint32_t>(request.handles.size()));
+      for (const int32_t handle : request.handles) out.i32(handle);
+      break;
+    case Kind::Checksum:
+      out.i32(request.handle);
+      break;
+    case Kind::Fill:
+      out.i32(request.handle);
+      out.u8(request.value);
+      break;
+    case Kind::Status:
+      out.u32(request.cursor.client);
+      out.i64(request.cursor.after);
+      break;
+    case Kind::Cancel:
+      out.u32(request.batch);
+      break;
+    default:  // Ping, Holdings and the rest carry nothing
+      break;
+  }
+  return out.finish();
 }
-bool hasText(uint16_t kind) { return kind == (kAnswer | static_cast<uint16_t>(Kind::Status)); }
-
-}  // namespace
 
 size_t encodeAnswer(uint8_t* buffer, size_t capacity, const Answer& answer) {
   Writer out(buffer, capacity);
   out.header(answer.kind, answer.seq);
   out.i32(answer.status);
-  if (answer.status == 0 && hasWide(answer.kind)) {
-    out.u32(answer.word);
-    out.u64(answer.wide);
-  } else if (answer.status == 0 && hasText(answer.kind)) {
-    out.u32(answer.word);
+  if (answer.status == 0 && answer.kind == answerKind(Kind::Checksum)) {
+    out.u32(answer.crc32);
+    out.u64(answer.bytes);
+  } else if (answer.status == 0 && answer.kind == answerKind(Kind::Holdings)) {
+    out.u32(answer.memories);
+    out.u64(answer.bytes);
+    out.u32(answer.staged);
+    out.u64(answer.stagedBytes);
+  } else if (answer.status == 0 && answer.kind == answerKind(Kind::Status)) {
+    out.u8(answer.more ? 1 : 0);
+    out.u32(answer.next.client);
+    out.i64(answer.next.after);
     out.bytes(answer.text.data(), answer.text.size());
   }
   return out.finish();
@@ -181,18 +219,27 @@ int decodeAnswer(const uint8_t* data, size_t size, Answer* out) {
   Reader in(data, size);
   if (readHeader(in, size, &out->kind, &out->seq) != 0) return -EPROTO;
   out->status = in.i32();
-  if ((out->kind & kAnswer) == 0 || out->status > 0) return -EPROTO;
-  if (out->status == 0 && hasWide(out->kind)) {
-    out->word = in.u32();
-    out->wide = in.u64();
-  } else if (out->status == 0 && hasText(out->kind)) {
-    out->word = in.u32();
+  if ((out->kind & kAnswer) == 0 || out->status > 0 || out->status < kLowestErrno) return -EPROTO;
+  if (out->status == 0 && out->kind == answerKind(Kind::Checksum)) {
+    out->crc32 = in.u32();
+    out->bytes = in.u64();
+  } else if (out->status == 0 && out->kind == answerKind(Kind::Holdings)) {
+    out->memories = in.u32();
+    out->bytes = in.u64();
+    out->staged = in.u32();
+    out->stagedBytes = in.u64();
+  } else if (out->status == 0 && out->kind == answerKind(Kind::Status)) {
+    const uint8_t more = in.u8();
+    out->next.client = in.u32();
+    out->next.after = in.i64();
     in.text(in.left(), &out->text);
+    if (more > 1) return -EPROTO;
+    out->more = more == 1;
   }
   return in.done() ? 0 : -EPROTO;
 }
 
-uint32_t crc32(const void* data, size_t size) {
+uint32_t crc32(uint32_t crc, const void* data, size_t size) {
   static const auto* table = [] {
     static uint32_t entries[256];
     for (uint32_t i = 0; i < 256; ++i) {
@@ -203,7 +250,7 @@ uint32_t crc32(const void* data, size_t size) {
     return entries;
   }();
   const auto* bytes = static_cast<const uint8_t*>(data);
-  uint32_t crc = 0xFFFFFFFFu;
+  crc ^= 0xFFFFFFFFu;
   for (size_t i = 0; i < size; ++i) crc = table[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
   return crc ^ 0xFFFFFFFFu;
 }

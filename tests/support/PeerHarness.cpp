@@ -57,8 +57,8 @@ TestPeer::~TestPeer() {
   rmdir(mDir.c_str());
 }
 
-void TestPeer::start(const std::vector<std::string>& extra) {
-  ASSERT_EQ(mProcess.start(peerCommand(), mSocket, extra, mLog), 0) << log();
+int TestPeer::start(const std::vector<std::string>& extra, rlim_t maxFiles) {
+  return mProcess.start(vropeer::PeerLaunch{peerCommand(), mSocket, extra, mLog, 5000, maxFiles});
 }
 
 int TestPeer::stop(int signal) {
@@ -86,39 +86,46 @@ RawClient::RawClient(const std::string& socket) {
   EXPECT_EQ(vrowire::connectTo(socket, 2000, &mSock), 0);
 }
 
-int RawClient::send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds) {
+int RawClient::send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds,
+                    vrowire::Answer* answer) {
   int err = vrowire::sendPacket(mSock.get(), bytes.data(), bytes.size(), fds.data(), fds.size());
-  if (err != 0) return err;
   std::vector<uint8_t> buffer(vrowire::kMaxMessage);
   vrowire::Received received;
-  const ssize_t got = vrowire::recvPacket(mSock.get(), buffer.data(), buffer.size(), &received);
-  if (got <= 0) return got == 0 ? -ECONNRESET : static_cast<int>(got);
-  vrowire::Answer answer;
-  EXPECT_EQ(vrowire::decodeAnswer(buffer.data(), static_cast<size_t>(got), &answer), 0);
-  return answer.status;
+  // A peer that ended the connection may have said why first.
+  const ssize_t got = vrowire::recvPacket(mSock.get(), buffer.data(), buffer.size(), &received,
+                                          vrowire::after(err == 0 ? 5000 : 0));
+  if (got <= 0) return err != 0 ? err : got == 0 ? -ECONNRESET : static_cast<int>(got);
+  vrowire::Answer decoded;
+  EXPECT_EQ(vrowire::decodeAnswer(buffer.data(), static_cast<size_t>(got), &decoded), 0);
+  if (answer != nullptr) *answer = decoded;
+  return decoded.status;
 }
 
-std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq,
-                             const std::function<void(vrowire::Writer&)>& fill) {
+std::vector<uint8_t> encoded(const vrowire::Request& request) {
   std::vector<uint8_t> bytes(vrowire::kMaxMessage);
-  vrowire::Writer out(bytes.data(), bytes.size());
-  out.header(static_cast<uint16_t>(kind), seq);
-  if (fill != nullptr) fill(out);
-  bytes.resize(out.finish());
+  bytes.resize(vrowire::encodeRequest(bytes.data(), bytes.size(), request));
   return bytes;
 }
 
-std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records, uint32_t flags) {
-  return message(vrowire::Kind::Register, 1, [&](vrowire::Writer& out) {
-    out.u32(flags);
-    out.u32(static_cast<uint32_t>(records.size()));
-    for (const vrowire::Record& record : records) {
-      out.i32(record.handle);
-      out.u32(record.type);
-      out.i64(record.size);
-      out.name(record.name.c_str(), record.name.size());
-    }
-  });
+std::vector<uint8_t> message(vrowire::Kind kind, const std::vector<uint8_t>& payload) {
+  vrowire::Request request;
+  request.kind = kind;
+  request.seq = 1;
+  std::vector<uint8_t> bytes = encoded(request);
+  bytes.resize(vrowire::kHeaderSize);
+  bytes.insert(bytes.end(), payload.begin(), payload.end());
+  for (size_t i = 0; i < 4; ++i) bytes[8 + i] = static_cast<uint8_t>(payload.size() >> (8 * i));
+  return bytes;
+}
+
+std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records, uint32_t flags,
+                                     uint32_t seq) {
+  vrowire::Request request;
+  request.kind = vrowire::Kind::Register;
+  request.seq = seq;
+  request.flags = flags;
+  request.records = records;
+  return encoded(request);
 }
 
 }  // namespace vrotest

@@ -7,7 +7,6 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,12 +26,14 @@ class TestPeer {
   // Kills a peer still running and removes the private directory.
   ~TestPeer();
 
-  // Starts the peer with extra flags and waits until it answers; fails the test otherwise.
-  void start(const std::vector<std::string>& extra = {});
+  // Starts the peer with extra flags (and a descriptor limit, unless 0) and waits until it
+  // answers: 0, or PeerProcess::start's error.
+  int start(const std::vector<std::string>& extra = {}, rlim_t maxFiles = 0);
   // Sends signal and waits: the exit code, or 128 + the signal that ended the peer.
   int stop(int signal = SIGTERM);
   pid_t pid() const { return mProcess.pid(); }
   const std::string& socket() const { return mSocket; }
+  const std::string& dir() const { return mDir; }
   // What the peer logged so far.
   std::string log() const;
   // Whether the log holds text within a few seconds.
@@ -49,18 +50,22 @@ class TestPeer {
 class RawClient {
  public:
   explicit RawClient(const std::string& socket);
-  // The answer's status, or the link's error (-ECONNRESET when the peer ended the connection).
-  int send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds = {});
+  // Sends a message and waits for the answer: its status, or the link's error (-ECONNRESET when
+  // the peer ended the connection, or the reason it gave). The answer lands in *answer if given.
+  int send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds = {},
+           vrowire::Answer* answer = nullptr);
+  int fd() const { return mSock.get(); }
 
  private:
   vrowire::UniqueFd mSock;
 };
 
-// A whole message of kind: the header, then the payload written by fill (if any).
-std::vector<uint8_t> message(vrowire::Kind kind, uint32_t seq = 1,
-                             const std::function<void(vrowire::Writer&)>& fill = nullptr);
-// A Register message of the records, with flags.
+// The bytes of request, as the socket client encodes them.
+std::vector<uint8_t> encoded(const vrowire::Request& request);
+// A message of kind (seq 1) whose payload is the given bytes, well-formed or not.
+std::vector<uint8_t> message(vrowire::Kind kind, const std::vector<uint8_t>& payload = {});
+// A Register request of the records, with flags.
 std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records,
-                                     uint32_t flags = 0);
+                                     uint32_t flags = 0, uint32_t seq = 1);
 
 }  // namespace vrotest

@@ -28,8 +28,10 @@ struct PeerFill {
 };
 
 struct PeerHoldings {
-  uint32_t memories;  // out
-  uint64_t bytes;     // out
+  uint32_t memories;     // out
+  uint64_t bytes;        // out
+  uint32_t staged;       // out: memories of a batch whose last part has not come
+  uint64_t stagedBytes;  // out
 };
 
 }  // namespace wrapper

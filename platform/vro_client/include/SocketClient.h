@@ -2,8 +2,12 @@
 // Host only: the IPC client that talks to the peer daemon (vrocam_ipc_peer) over its AF_UNIX
 // SOCK_SEQPACKET socket. Records go as they stand, descriptors in SCM_RIGHTS; every result is the
 // peer's answer, or a negative errno when the link failed. No call waits longer than the timeout.
-// A connection found dead is replaced at the next call; what was registered over it is gone from
-// the peer, which freed it when the connection ended.
+// A call that times out fails with -ETIMEDOUT and keeps the connection and everything registered
+// over it; the late answer is dropped when it comes, and a registration that timed out is undone
+// in the peer, so that the peer never holds what the caller was told failed. Only a peer of this
+// process's uid or root's is served (-EACCES otherwise). A connection found dead is replaced at
+// the next call; what was registered over it is gone from the peer, which freed it when the
+// connection ended.
 //
 // Locking: one mutex per client, held over each whole exchange (all parts of a batch included),
 // so calls from several threads never interleave on the socket. The manager calls in with its own
@@ -17,12 +21,9 @@
 #include <vector>
 
 #include "IPCClient.h"
+#include "Packet.h"
+#include "PeerWire.h"
 #include "UniqueFd.h"
-
-namespace vrowire {
-struct Answer;
-class Writer;
-}  // namespace vrowire
 
 namespace NSCam {
 namespace ipc {
@@ -32,7 +33,7 @@ class SocketClient : public IPCClient {
  public:
   static constexpr int kDefaultTimeoutMs = 2000;
 
-  // A client of the peer at path; an answer may take up to timeoutMs. Connects at first use.
+  // A client of the peer at path; a call may take up to timeoutMs. Connects at first use.
   SocketClient(std::string path, int timeoutMs);
   ~SocketClient() override;
 
@@ -56,21 +57,27 @@ class SocketClient : public IPCClient {
 
  private:
   int registerLocked(const ShmMemInfo* infos, size_t count);
-  // Starts a request of kind in the send buffer, with the next sequence number.
-  vrowire::Writer begin(uint16_t kind);
-  // Sends size bytes of the send buffer with fds and receives the answer. first: the request is
+  // Starts mRequest as a request of kind with the next sequence number.
+  vrowire::Request& begin(vrowire::Kind kind);
+  // Sends mRequest with fds and waits for its answer, all before deadline. retry: the request is
   // the first of its call, so a connection found dead may be replaced and the request resent.
-  int exchange(size_t size, const int* fds, size_t fdCount, bool first, vrowire::Answer* answer);
-  int connectLocked();
-  void lose(int err);
+  int exchange(const int* fds, size_t fdCount, bool retry, vrowire::Deadline deadline,
+               vrowire::Answer* answer);
+  int connectLocked(vrowire::Deadline deadline);
+  // Sends the undoing of registrations that timed out, before anything else.
+  int sendCancels(vrowire::Deadline deadline);
+  // Ends the connection, logging why once.
+  void lose(int err, int closing);
+  void report(const std::string& text);
 
   const std::string mPath;
   const int mTimeoutMs;
   std::mutex mLock;
   vrowire::UniqueFd mSock;
   uint32_t mSeq = 0;
-  uint16_t mKind = 0;      // of the request in the send buffer
-  bool mReported = false;  // a failure to reach the peer was logged since the last connection
+  vrowire::Request mRequest;
+  std::vector<uint32_t> mCancels;  // first seqs of registrations to undo, not sent yet
+  bool mReported = false;          // a failure was logged since the last answer
   std::unique_ptr<uint8_t[]> mOut;
   std::unique_ptr<uint8_t[]> mIn;
 };

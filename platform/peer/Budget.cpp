@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// The peer's budget of memories, from its descriptor limit and the kernel's mapping limit.
+#include "Budget.h"
+
+#include <dirent.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+
+namespace vropeer {
+namespace {
+
+size_t openDescriptors() {
+  size_t count = 0;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    while (dirent* entry = readdir(dir)) count += entry->d_name[0] != '.';
+    closedir(dir);
+  }
+  return count;
+}
+
+size_t linesOf(const char* path) {
+  std::ifstream in(path);
+  size_t count = 0;
+  for (std::string line; std::getline(in, line);) ++count;
+  return count;
+}
+
+}  // namespace
+
+Budget planBudget(uint32_t maxClients, uint32_t maxMemories) {
+  Budget budget;
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  budget.descriptors = files.rlim_cur == RLIM_INFINITY ? SIZE_MAX : files.rlim_cur;
+  const size_t descriptorsUsed = openDescriptors() + maxClients + kKeptDescriptors;
+  budget.mappings = 65530;  // the kernel's default
+  std::ifstream("/proc/sys/vm/max_map_count") >> budget.mappings;
+  const size_t mappingsUsed = linesOf("/proc/self/maps") + kKeptMappings;
+  if (budget.descriptors <= descriptorsUsed) {
+    char text[256];
+    snprintf(text, sizeof(text),
+             "the descriptor limit %zu leaves none for memories: %zu clients and what the peer "
+             "keeps need %zu; raise it (ulimit -n) or lower --max-clients",
+             budget.descriptors, size_t{maxClients}, descriptorsUsed);
+    budget.shortfall = text;
+    return budget;
+  }
+  if (budget.mappings <= mappingsUsed) {
+    budget.shortfall = "the kernel's mapping limit (vm.max_map_count " +
+                       std::to_string(budget.mappings) + ") leaves none for memories";
+    return budget;
+  }
+  budget.memories = std::min(budget.descriptors - descriptorsUsed, budget.mappings - mappingsUsed);
+  if (maxMemories != 0) budget.memories = std::min<size_t>(budget.memories, maxMemories);
+  return budget;
+}
+
+}  // namespace vropeer
