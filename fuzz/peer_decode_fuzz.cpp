@@ -1,17 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// libFuzzer target: the peer's request decoding, the client's answer decoding and the peer's
-// table, fed bytes from a hostile other process.
+// libFuzzer target: what the peer and the client read from a hostile other process: the request
+// decoding, the answer decoding, the per-client table on real memfds, and the whole serving path
+// of a message with descriptors of every kind.
 //
-// Input: one byte whose value modulo kMaxFds + 2 is the number of descriptors that came with the
-// message, then the message. A request that decodes must re-encode to a message that decodes to
-// the same request; an answer that decodes must re-encode to the very bytes. A Register request
-// that decodes goes on to a fresh ClientTable with real memfds (bit 31 of a record's type leaves
-// its memfd unsealed, bit 30 sends an eventfd instead), and nothing of it may outlive the input.
+// Input: one byte whose value modulo kMaxFds + 2 is the number of descriptors that come with the
+// message, one byte that picks their kinds, then the message (possibly empty). A request that
+// decodes must re-encode to the same bytes' request; an answer that decodes must re-encode to the
+// very bytes. A Register request goes on to a fresh ClientTable with real memfds (bit 31 of a
+// record's type leaves its memfd unsealed, bit 30 sends an eventfd instead). Then the message goes,
+// with its descriptors, to a fresh PeerServer over a socket pair: its answer must be well formed,
+// and once the client is gone no descriptor or mapping may be left.
 //
 // `peer_decode_fuzz --write-seeds=DIR` writes a few valid messages into DIR and exits.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +28,8 @@
 #include <vector>
 
 #include "ClientTable.h"
+#include "Packet.h"
+#include "PeerServer.h"
 #include "PeerWire.h"
 #include "UniqueFd.h"
 
@@ -44,41 +51,10 @@ using vrowire::UniqueFd;
 // Small limits, so that inputs reach them with a few records.
 const vropeer::Limits kLimits{8, 3u << 20};
 
-// Encodes a request with the project's Writer: its size, or 0 when it does not fit.
-size_t encode(const Request& request, std::vector<uint8_t>* out) {
-  out->assign(vrowire::kMaxMessage, 0);
-  vrowire::Writer w(out->data(), out->size());
-  w.header(static_cast<uint16_t>(request.kind), request.seq);
-  switch (request.kind) {
-    case Kind::Register:
-      w.u32(request.flags);
-      w.u32(static_cast<uint32_t>(request.records.size()));
-      for (const Record& record : request.records) {
-        w.i32(record.handle);
-        w.u32(record.type);
-        w.i64(record.size);
-        FUZZ_CHECK(w.name(record.name.data(), record.name.size()));
-      }
-      break;
-    case Kind::Deregister:
-      w.u32(static_cast<uint32_t>(request.handles.size()));
-      for (const int32_t handle : request.handles) w.i32(handle);
-      break;
-    case Kind::Checksum:
-      w.i32(request.handle);
-      break;
-    case Kind::Fill:
-      w.i32(request.handle);
-      w.u8(request.value);
-      break;
-    case Kind::Status:
-      w.u32(request.offset);
-      break;
-    default:
-      break;
-  }
-  out->resize(w.finish());
-  return out->size();
+std::vector<uint8_t> encode(const Request& request) {
+  std::vector<uint8_t> out(vrowire::kMaxMessage);
+  out.resize(vrowire::encodeRequest(out.data(), out.size(), request));
+  return out;
 }
 
 bool same(const Request& a, const Request& b) {
@@ -90,7 +66,8 @@ bool same(const Request& a, const Request& b) {
   }
   return records && a.kind == b.kind && a.seq == b.seq && a.flags == b.flags &&
          a.handles == b.handles && a.handle == b.handle && a.value == b.value &&
-         a.offset == b.offset;
+         a.cursor.client == b.cursor.client && a.cursor.after == b.cursor.after &&
+         a.batch == b.batch;
 }
 
 bool checkRequest(const uint8_t* msg, size_t size, size_t fdCount, Request* request) {
@@ -105,8 +82,8 @@ bool checkRequest(const uint8_t* msg, size_t size, size_t fdCount, Request* requ
     FUZZ_CHECK(record.name.size() < vrowire::kNameSize);
     for (const char c : vrowire::escaped(record.name)) FUZZ_CHECK(c >= 0x20 && c < 0x7F);
   }
-  std::vector<uint8_t> again;
-  FUZZ_CHECK(encode(*request, &again) == size);
+  const std::vector<uint8_t> again = encode(*request);
+  FUZZ_CHECK(again.size() == size);
   Request decoded;
   FUZZ_CHECK(vrowire::decodeRequest(again.data(), again.size(), fdCount, &decoded) == 0);
   FUZZ_CHECK(same(*request, decoded));
@@ -118,23 +95,56 @@ void checkAnswer(const uint8_t* msg, size_t size) {
   const int rc = vrowire::decodeAnswer(msg, size, &answer);
   FUZZ_CHECK(rc == 0 || rc == -EPROTO);
   if (rc != 0) return;
-  FUZZ_CHECK((answer.kind & vrowire::kAnswer) != 0 && answer.status <= 0);
+  FUZZ_CHECK((answer.kind & vrowire::kAnswer) != 0 && answer.status <= 0 &&
+             answer.status >= vrowire::kLowestErrno);
   std::vector<uint8_t> again(size);
   FUZZ_CHECK(vrowire::encodeAnswer(again.data(), size, answer) == size);
   FUZZ_CHECK(std::equal(again.begin(), again.end(), msg));
 }
 
-// A descriptor for a record: a memfd as large as the record says (at most 1 MiB), sealed unless
-// bit 31 of its type is set, or an eventfd when bit 30 is.
+// A memfd of size bytes (at most 1 MiB), sealed against shrinking and growing unless told not.
+UniqueFd memfd(int64_t size, bool sealed) {
+  UniqueFd fd(memfd_create("vrocam-fuzz", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  FUZZ_CHECK(fd && ftruncate(fd.get(), size > 0 && size <= (1 << 20) ? size : 4096) == 0);
+  if (sealed) FUZZ_CHECK(fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) == 0);
+  return fd;
+}
+
+// A descriptor for a record: its memfd, unless bit 31 (unsealed) or bit 30 (an eventfd) of its
+// type say otherwise.
 UniqueFd descriptorFor(const Record& record) {
   if ((record.type & (1u << 30)) != 0) return UniqueFd(eventfd(0, EFD_CLOEXEC));
-  UniqueFd fd(memfd_create("vrocam-fuzz", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  const off_t size = record.size > 0 && record.size <= (1 << 20) ? record.size : 4096;
-  FUZZ_CHECK(fd && ftruncate(fd.get(), size) == 0);
-  if ((record.type & (1u << 31)) == 0) {
-    FUZZ_CHECK(fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) == 0);
+  return memfd(record.size, (record.type & (1u << 31)) == 0);
+}
+
+// Descriptors of every kind a client could send.
+UniqueFd descriptorOfKind(unsigned kind) {
+  int pair[2] = {-1, -1};
+  switch (kind % 8) {
+    case 0:
+      return memfd(4096, true);
+    case 1:
+      return memfd(4096, false);
+    case 2: {
+      UniqueFd fd = memfd(4096, true);
+      FUZZ_CHECK(fcntl(fd.get(), F_ADD_SEALS, F_SEAL_WRITE) == 0);
+      return fd;
+    }
+    case 3:
+      return UniqueFd(eventfd(0, EFD_CLOEXEC));
+    case 4:
+      FUZZ_CHECK(pipe2(pair, O_CLOEXEC) == 0);
+      close(pair[1]);
+      return UniqueFd(pair[0]);
+    case 5:
+      FUZZ_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == 0);
+      close(pair[1]);
+      return UniqueFd(pair[0]);
+    case 6:
+      return UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    default:
+      return UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC));
   }
-  return fd;
 }
 
 // Drives a fresh table: a failure keeps nothing, a success keeps every record, and when the table
@@ -151,9 +161,10 @@ void driveTable(const Request& request) {
       kept.emplace_back(fcntl(fds.back().get(), F_DUPFD_CLOEXEC, 0));
     }
     vropeer::ClientTable table(kLimits);
-    const int rc = table.registerPart(request, fds);
+    const int rc = table.registerPart(request, fds, SIZE_MAX);
     const bool staged = (request.flags & vrowire::kMore) != 0;
     FUZZ_CHECK(table.memories().size() == (rc == 0 && !staged ? request.records.size() : 0));
+    FUZZ_CHECK(table.staged() == (rc == 0 && staged ? request.records.size() : 0));
     for (const auto& entry : table.memories()) {
       FUZZ_CHECK(entry.second.size <= kLimits.maxBytes && entry.second.mapping.data() != nullptr);
     }
@@ -166,6 +177,72 @@ void driveTable(const Request& request) {
   }
 }
 
+size_t openDescriptors() {
+  size_t count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (dir != nullptr && readdir(dir) != nullptr) ++count;
+  if (dir != nullptr) closedir(dir);
+  return count;
+}
+
+size_t memfdMappings() {
+  std::ifstream maps("/proc/self/maps");
+  size_t count = 0;
+  for (std::string line; std::getline(maps, line);) count += line.find("/memfd:") != line.npos;
+  return count;
+}
+
+// Sends a message with fds to a fresh server and serves it until it answered (or ended the
+// connection): the answer must be well formed, and nothing may be left once the client is gone.
+void driveServer(const uint8_t* msg, size_t size, std::vector<UniqueFd> fds,
+                 const Request* request) {
+  const size_t descriptors = openDescriptors() - fds.size();
+  const size_t mappings = memfdMappings();
+  {
+    int pair[2];
+    FUZZ_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == 0);
+    UniqueFd client(pair[0]);
+    vropeer::PeerServer server(vropeer::ServerLimits{kLimits, 2, 16});
+    server.adopt(UniqueFd(pair[1]), getpid(), getuid());
+    // A long command needs a memory to work on: register one under its handle first.
+    if (request != nullptr && (request->kind == Kind::Checksum || request->kind == Kind::Fill)) {
+      Request registration;
+      registration.kind = Kind::Register;
+      registration.records = {Record{request->handle, 0, 3 << 20, "long"}};
+      const std::vector<uint8_t> bytes = encode(registration);
+      const UniqueFd memory = memfd(3 << 20, true);
+      const int fd = memory.get();
+      FUZZ_CHECK(vrowire::sendPacket(client.get(), bytes.data(), bytes.size(), &fd, 1) == 0);
+    }
+    std::vector<int> raw;
+    for (const UniqueFd& fd : fds) raw.push_back(fd.get());
+    const int sent = vrowire::sendPacket(client.get(), msg, size, raw.data(), raw.size());
+    fds.clear();  // in flight now, or refused
+    if (sent == 0) {
+      uint8_t buffer[vrowire::kMaxMessage];
+      vrowire::Received received;
+      ssize_t got = -ETIMEDOUT;
+      for (int round = 0; round < 64 && got == -ETIMEDOUT; ++round) {
+        FUZZ_CHECK(server.round(-1, 0) >= 0);
+        got = vrowire::recvPacket(client.get(), buffer, sizeof(buffer), &received,
+                                  vrowire::Deadline::min());
+        // The registration before a long command is answered first: take the next answer.
+        if (got > 0 && request != nullptr && request->kind != Kind::Register &&
+            buffer[2] == static_cast<uint8_t>(Kind::Register)) {
+          got = -ETIMEDOUT;
+        }
+      }
+      vrowire::Answer answer;
+      FUZZ_CHECK(got > 0 && received.fds.empty());
+      FUZZ_CHECK(vrowire::decodeAnswer(buffer, static_cast<size_t>(got), &answer) == 0);
+      if (request != nullptr) FUZZ_CHECK(answer.seq == request->seq);
+    }
+    FUZZ_CHECK(server.held() <= 16);
+  }
+  FUZZ_CHECK(openDescriptors() == descriptors);
+  FUZZ_CHECK(memfdMappings() == mappings);
+}
+
 void writeSeeds(const std::string& dir) {
   Request ping;
   Request registration;
@@ -176,12 +253,18 @@ void writeSeeds(const std::string& dir) {
   Request deregistration;
   deregistration.kind = Kind::Deregister;
   deregistration.handles = {1, 2};
+  Request checksum;
+  checksum.kind = Kind::Checksum;
+  checksum.handle = 9;
+  Request status;
+  status.kind = Kind::Status;
   int n = 0;
-  for (const Request* request : {&ping, &registration, &most, &deregistration}) {
-    std::vector<uint8_t> bytes;
-    encode(*request, &bytes);
+  for (const Request* request :
+       {&ping, &registration, &most, &deregistration, &checksum, &status}) {
+    const std::vector<uint8_t> bytes = encode(*request);
     std::ofstream out(dir + "/seed-" + std::to_string(n++), std::ios::binary);
     out.put(static_cast<char>(request->records.size()));
+    out.put(0);
     out.write(reinterpret_cast<const char*>(bytes.data()),
               static_cast<std::streamsize>(bytes.size()));
   }
@@ -198,16 +281,27 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
       exit(0);
     }
   }
+  vropeer::setPeerLogFile(open("/dev/null", O_WRONLY | O_CLOEXEC));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
+  if (size < 2) return 0;
   const size_t fdCount = data[0] % (vrowire::kMaxFds + 2);
+  const uint8_t kinds = data[1];
+  const uint8_t* msg = data + 2;
+  const size_t length = size - 2;
   Request request;
-  if (checkRequest(data + 1, size - 1, fdCount, &request) && request.kind == Kind::Register) {
-    driveTable(request);
+  const bool decoded = checkRequest(msg, length, fdCount, &request);
+  if (decoded && request.kind == Kind::Register) driveTable(request);
+  checkAnswer(msg, length);
+  std::vector<UniqueFd> fds;
+  for (size_t i = 0; i < fdCount && i < vrowire::kMaxFds; ++i) {
+    fds.push_back(decoded && i < request.records.size() && kinds % 2 == 0
+                      ? descriptorFor(request.records[i])
+                      : descriptorOfKind(kinds + static_cast<unsigned>(i)));
   }
-  checkAnswer(data + 1, size - 1);
+  if (fdCount <= vrowire::kMaxFds)
+    driveServer(msg, length, std::move(fds), decoded ? &request : nullptr);
   return 0;
 }
