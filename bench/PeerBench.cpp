@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Benchmarks: a registration + deregistration through the manager, the socket client and the peer,
-// beside the bare SCM_RIGHTS exchanges that any such round trip needs.
+// beside the bare SCM_RIGHTS exchanges that any such round trip needs; and the latency of a ping
+// while another client has the peer checksum 512 MiB back to back, beside a ping to an idle peer.
 //
 // The peer serves in this process on a thread, at a socket in a private directory that
 // VROCAM_IPC_SOCKET names before the manager takes its IPC client (it keeps the first one, hence
@@ -15,9 +16,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ClientTable.h"
 #include "IPCClientShmMgr.h"
@@ -33,6 +38,7 @@ using NSCam::ipc::wrapper::ShmMemInfo;
 using vrowire::UniqueFd;
 
 const IPCClientShmMgr::Identifier kOwner{NSCam::ipc::wrapper::IPC_USER_ISP, 0, 0};
+std::string gSocket;  // the peer's
 
 // A memfd sealed as the host ashmem seals regions, mapped read-write, kept for every iteration.
 struct Region {
@@ -135,32 +141,104 @@ void BM_BareRegisterDeregister(benchmark::State& state) {
 }
 BENCHMARK(BM_BareRegisterDeregister)->Arg(4096)->Arg(1 << 20)->UseRealTime();
 
+// A raw connection to the peer, asking one request at a time.
+class Asker {
+ public:
+  Asker() {
+    if (vrowire::connectTo(gSocket, 2000, &mSock) != 0) abort();
+  }
+  // 0, or the error of the exchange or the answer.
+  int ask(vrowire::Request& request, const int* fds = nullptr, size_t fdCount = 0) {
+    request.seq = ++mSeq;
+    const size_t size = vrowire::encodeRequest(mBuffer, sizeof(mBuffer), request);
+    vrowire::Answer answer;
+    int closing = 0;
+    int err = vrowire::sendPacket(mSock.get(), mBuffer, size, fds, fdCount);
+    if (err == 0) {
+      err = vrowire::awaitAnswer(mSock.get(), mBuffer, sizeof(mBuffer),
+                                 static_cast<uint16_t>(request.kind), request.seq,
+                                 vrowire::after(60000), &answer, &closing);
+    }
+    return err != 0 ? err : answer.status;
+  }
+
+ private:
+  UniqueFd mSock;
+  uint32_t mSeq = 0;
+  uint8_t mBuffer[vrowire::kMaxMessage];
+};
+
+// Pings the peer, each ping an iteration; reports the 50th and 99th percentiles of their latency.
+// With busy, another client has the peer checksum a 512 MiB memory back to back meanwhile.
+void pingLatency(benchmark::State& state, bool busy) {
+  std::atomic<bool> stop{false};
+  std::thread checksummer;
+  if (busy) {
+    checksummer = std::thread([&] {
+      const Region memory(512u << 20);
+      memset(memory.mapping.data(), 0x5A, memory.size);  // pages to read, not holes
+      Asker asker;
+      vrowire::Request request;
+      request.kind = vrowire::Kind::Register;
+      request.records = {vrowire::Record{1, 0, static_cast<int64_t>(memory.size), "busy"}};
+      const int fd = memory.fd.get();
+      if (asker.ask(request, &fd, 1) != 0) abort();
+      request.kind = vrowire::Kind::Checksum;
+      request.handle = 1;
+      while (!stop) asker.ask(request);
+    });
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the first checksum is under way
+  }
+  Asker pinger;
+  vrowire::Request ping;
+  std::vector<double> latencies;
+  for (auto _ : state) {
+    const auto start = vrowire::Clock::now();
+    if (pinger.ask(ping) != 0) state.SkipWithError("ping failed");
+    latencies.push_back(
+        std::chrono::duration<double, std::micro>(vrowire::Clock::now() - start).count());
+  }
+  stop = true;
+  if (checksummer.joinable()) checksummer.join();
+  std::sort(latencies.begin(), latencies.end());
+  state.counters["p50_us"] = latencies[latencies.size() / 2];
+  state.counters["p99_us"] = latencies[latencies.size() * 99 / 100];
+}
+
+void BM_PingIdlePeer(benchmark::State& state) { pingLatency(state, false); }
+BENCHMARK(BM_PingIdlePeer)->Iterations(2000)->UseRealTime();
+
+void BM_PingPeerBusyWithAChecksum(benchmark::State& state) { pingLatency(state, true); }
+BENCHMARK(BM_PingPeerBusyWithAChecksum)->Iterations(2000)->UseRealTime();
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);  // --help ends here, before anything is made
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   char dir[] = "/tmp/vrocam-bench-XXXXXX";
   if (mkdtemp(dir) == nullptr) return 1;
-  const std::string socket = std::string(dir) + "/peer.sock";
-  setenv("VROCAM_IPC_SOCKET", socket.c_str(), 1);
+  gSocket = std::string(dir) + "/peer.sock";
+  setenv("VROCAM_IPC_SOCKET", gSocket.c_str(), 1);
   const UniqueFd stop(eventfd(0, EFD_CLOEXEC));
   int failed = 0;
   {
     vropeer::PeerServer peer(vropeer::ServerLimits{});
-    if (peer.listen(socket) != 0) return 1;
-    std::thread serving([&] { failed = peer.run(stop.get()); });
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
+    failed = peer.listen(gSocket);
+    std::thread serving;
+    if (failed == 0) serving = std::thread([&] { failed = peer.run(stop.get()); });
+    if (failed == 0) benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     // Everything was deregistered again: the peer holds nothing for this process.
     NSCam::ipc::wrapper::PeerHoldings held{};
-    if (NSCam::ipc::wrapper::SocketClient::shared()->sendCommand(
-            NSCam::ipc::wrapper::PEER_COMMAND_HOLDINGS, &held, sizeof(held)) != 0 ||
-        held.memories != 0) {
+    if (failed == 0 && (NSCam::ipc::wrapper::SocketClient::shared()->sendCommand(
+                            NSCam::ipc::wrapper::PEER_COMMAND_HOLDINGS, &held, sizeof(held)) != 0 ||
+                        held.memories != 0)) {
       failed = 1;
     }
     const uint64_t one = 1;
     if (write(stop.get(), &one, sizeof(one)) != sizeof(one)) abort();
-    serving.join();
+    if (serving.joinable()) serving.join();
   }
   rmdir(dir);
   return failed == 0 ? 0 : 1;
