@@ -171,7 +171,7 @@ class Asker {
 // Pings the peer, each ping an iteration; reports the 50th and 99th percentiles of their latency.
 // With busy, another client has the peer checksum a 512 MiB memory back to back meanwhile.
 void pingLatency(benchmark::State& state, bool busy) {
-  std::atomic<bool> stop{false};
+  std::atomic<bool> stop{false}, started{false};
   std::thread checksummer;
   if (busy) {
     checksummer = std::thread([&] {
@@ -185,9 +185,13 @@ void pingLatency(benchmark::State& state, bool busy) {
       if (asker.ask(request, &fd, 1) != 0) abort();
       request.kind = vrowire::Kind::Checksum;
       request.handle = 1;
-      while (!stop) asker.ask(request);
+      started = true;
+      while (!stop) {
+        if (asker.ask(request) != 0) abort();
+      }
     });
-    std::this_thread::sleep_for(std::chrono::seconds(1));  // the first checksum is under way
+    while (!started) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the checksum is under way
   }
   Asker pinger;
   vrowire::Request ping;

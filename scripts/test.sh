@@ -28,6 +28,7 @@ if [ -n "$preset" ]; then
     *) extra=() ;;
   esac
   vrocam_install_packages "${VROCAM_PACKAGES[@]}" "${extra[@]}"
+  [ "$preset" = aarch64-qemu ] && vrocam_arm64_zlib "$VROCAM_ROOT/build-aarch64-qemu/zlib-arm64"
   cd "$VROCAM_ROOT"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"

@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -116,7 +117,7 @@ TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
   ShmMemInfo out;
   ASSERT_EQ(mgr->registerShmMem(kOwner, 3, "link-own", own.fd, own.size, own.addr, out), 0);
   EXPECT_EQ(holdings().bytes, 4096u + 3 * 4096 + 8192);
-  EXPECT_EQ(vrowire::crc32(0, "123456789", 9), 0xCBF43926u);  // the CRC-32 check value
+  EXPECT_EQ(crc32_z(0, reinterpret_cast<const uint8_t*>("123456789"), 9), 0xCBF43926u);
   for (unsigned int type = 1; type <= 3; ++type) {
     ShmMemInfo info;
     ASSERT_EQ(mgr->getShmInfo(info, kOwner, type, -1), 0);
@@ -124,8 +125,9 @@ TEST_F(PeerTest, RegisteredMemoryIsSharedWithThePeerBothWays) {
     for (unsigned int i = 0; i < info.size; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + type);
     PeerChecksum sum{info.handle, 0, 0};
     ASSERT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &sum, sizeof(sum)), 0);
-    EXPECT_EQ(std::make_pair(sum.crc32, sum.bytes),
-              std::make_pair(vrowire::crc32(0, bytes, info.size), uint64_t{info.size}));
+    EXPECT_EQ(
+        std::make_pair(sum.crc32, sum.bytes),
+        std::make_pair(static_cast<uint32_t>(crc32_z(0, bytes, info.size)), uint64_t{info.size}));
     PeerFill fill{info.handle, 0xC3};
     ASSERT_EQ(client->sendCommand(PEER_COMMAND_FILL, &fill, sizeof(fill)), 0);
     EXPECT_EQ(std::count(bytes, bytes + info.size, 0xC3), info.size) << info.name;
@@ -623,8 +625,7 @@ TEST_F(PeerTest, HugePagesAreMappedWholeAndAFaultInThemIsAnError) {
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_FILL, &fill, sizeof(fill)), -EFAULT);
   PeerChecksum sum{out.handle, 0, 0};
   EXPECT_EQ(client->sendCommand(PEER_COMMAND_CHECKSUM, &sum, sizeof(sum)), 0);
-  EXPECT_EQ(sum.crc32, vrowire::crc32(0, std::vector<uint8_t>(4096).data(), 4096))
-      << "holes are zeros";
+  EXPECT_EQ(sum.crc32, crc32_z(0, std::vector<uint8_t>(4096).data(), 4096)) << "holes are zeros";
   if (hog != MAP_FAILED) munmap(hog, free * page);
   EXPECT_EQ(mgr->releaseShmMem(kOwner, 1, false, -1), 0);
   munmap(addr, page);

@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -54,8 +55,9 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
   const std::vector<unsigned char> expected(info.size, written);
   PeerChecksum checksum{info.handle, 0, 0};
   const int asked = client.sendCommand(PEER_COMMAND_CHECKSUM, &checksum, sizeof(checksum));
-  const bool sees = asked == 0 && checksum.bytes == info.size &&
-                    checksum.crc32 == vrowire::crc32(0, expected.data(), expected.size());
+  const bool sees =
+      asked == 0 && checksum.bytes == info.size &&
+      checksum.crc32 == static_cast<uint32_t>(crc32_z(0, expected.data(), expected.size()));
 
   const auto theirs = static_cast<unsigned char>(written ^ 0xFF);
   PeerFill fill{info.handle, theirs};

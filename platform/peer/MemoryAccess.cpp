@@ -5,12 +5,11 @@
 #include <setjmp.h>
 #include <signal.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstring>
 #include <mutex>
-
-#include "PeerWire.h"
 
 namespace vropeer {
 namespace {
@@ -60,7 +59,7 @@ int checksumRange(int fd, uint64_t offset, size_t size, uint32_t* crc,
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) return -errno;
     if (got == 0) return -EIO;
-    *crc = vrowire::crc32(*crc, buffer->data(), static_cast<size_t>(got));
+    *crc = static_cast<uint32_t>(crc32_z(*crc, buffer->data(), static_cast<size_t>(got)));
     offset += static_cast<uint64_t>(got);
     size -= static_cast<size_t>(got);
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The wire format: encoding, decoding, checksum and escaping.
+// The wire format: encoding, decoding and escaping.
 #include "PeerWire.h"
 
 #include <cerrno>
@@ -237,22 +237,6 @@ int decodeAnswer(const uint8_t* data, size_t size, Answer* out) {
     out->more = more == 1;
   }
   return in.done() ? 0 : -EPROTO;
-}
-
-uint32_t crc32(uint32_t crc, const void* data, size_t size) {
-  static const auto* table = [] {
-    static uint32_t entries[256];
-    for (uint32_t i = 0; i < 256; ++i) {
-      uint32_t c = i;
-      for (int bit = 0; bit < 8; ++bit) c = (c & 1) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-      entries[i] = c;
-    }
-    return entries;
-  }();
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  crc ^= 0xFFFFFFFFu;
-  for (size_t i = 0; i < size; ++i) crc = table[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
-  return crc ^ 0xFFFFFFFFu;
 }
 
 std::string escaped(const std::string& text) {

@@ -8,7 +8,7 @@
 //   Register   u32 flags, u32 count, count records; exactly count descriptors, in record order
 //   record     i32 handle, u32 type, i64 size, 256-byte name (NUL-terminated, zero-padded)
 //   Deregister u32 count, count i32 handles
-//   Checksum   i32 handle            answer: u32 crc32, u64 bytes
+//   Checksum   i32 handle            answer: u32 crc32 (zlib's crc32()), u64 bytes
 //   Fill       i32 handle, u8 value  (writes value into every byte of the memory)
 //   Holdings   (empty)               answer: u32 memories, u64 bytes, u32 staged, u64 staged bytes
 //   Status     u32 client, i64 after answer: u8 more, u32 client, i64 after, text
@@ -187,9 +187,6 @@ class Reader {
   size_t mUsed = 0;
   bool mFailed = false;
 };
-
-// CRC-32 (IEEE 802.3, as zlib computes it) of size bytes, continuing from crc (0 to start).
-uint32_t crc32(uint32_t crc, const void* data, size_t size);
 
 // text with every byte outside printable ASCII written as \xHH (and the backslash as \\), so
 // that a name from another process cannot forge or break a line.
