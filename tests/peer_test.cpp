@@ -24,6 +24,7 @@
 #include "IPCClientShmMgr.h"
 #include "LeakGuard.h"
 #include "LogCapture.h"
+#include "Packet.h"
 #include "PeerCommands.h"
 #include "PeerHarness.h"
 #include "SocketClient.h"

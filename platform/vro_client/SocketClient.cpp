@@ -10,10 +10,14 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 #include "HostLogLine.h"
+#include "Packet.h"
 #include "PeerCommands.h"
+#include "PeerWire.h"
+#include "UniqueFd.h"
 
 namespace NSCam {
 namespace ipc {
@@ -34,11 +38,43 @@ constexpr size_t kMaxCancels = 64;
 
 }  // namespace
 
+// The connection to the peer and its state. Every member is used with mLock held, over a whole
+// call of the client.
+struct SocketClient::Link {
+  Link(std::string path, int timeoutMs)
+      : mPath(std::move(path)),
+        mTimeoutMs(timeoutMs),
+        mOut(new uint8_t[vrowire::kMaxMessage]),
+        mIn(new uint8_t[vrowire::kMaxMessage]) {}
+
+  int registerLocked(const ShmMemInfo* infos, size_t count);
+  // Starts mRequest as a request of kind with the next sequence number.
+  vrowire::Request& begin(vrowire::Kind kind);
+  // Sends mRequest with fds and waits for its answer, all before deadline. retry: the request is
+  // the first of its call, so a connection found dead may be replaced and the request resent.
+  int exchange(const int* fds, size_t fdCount, bool retry, vrowire::Deadline deadline,
+               vrowire::Answer* answer);
+  int connectLocked(vrowire::Deadline deadline);
+  // Sends the undoing of registrations that timed out, before anything else.
+  int sendCancels(vrowire::Deadline deadline);
+  // Ends the connection, logging why once.
+  void lose(int err, int closing);
+  void report(const std::string& text);
+
+  const std::string mPath;
+  const int mTimeoutMs;
+  std::mutex mLock;
+  vrowire::UniqueFd mSock;
+  uint32_t mSeq = 0;
+  vrowire::Request mRequest;
+  std::vector<uint32_t> mCancels;  // first seqs of registrations to undo, not sent yet
+  bool mReported = false;          // a failure was logged since the last answer
+  std::unique_ptr<uint8_t[]> mOut;
+  std::unique_ptr<uint8_t[]> mIn;
+};
+
 SocketClient::SocketClient(std::string path, int timeoutMs)
-    : mPath(std::move(path)),
-      mTimeoutMs(timeoutMs),
-      mOut(new uint8_t[vrowire::kMaxMessage]),
-      mIn(new uint8_t[vrowire::kMaxMessage]) {}
+    : mLink(new Link(std::move(path), timeoutMs)) {}
 
 SocketClient::~SocketClient() = default;
 
@@ -53,7 +89,7 @@ SocketClient* SocketClient::shared() {
   return client;
 }
 
-vrowire::Request& SocketClient::begin(Kind kind) {
+vrowire::Request& SocketClient::Link::begin(Kind kind) {
   mRequest.kind = kind;
   mRequest.seq = ++mSeq;
   mRequest.flags = 0;
@@ -62,13 +98,13 @@ vrowire::Request& SocketClient::begin(Kind kind) {
   return mRequest;
 }
 
-void SocketClient::report(const std::string& text) {
+void SocketClient::Link::report(const std::string& text) {
   if (mReported) return;
   mReported = true;
   vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
 }
 
-int SocketClient::connectLocked(Deadline deadline) {
+int SocketClient::Link::connectLocked(Deadline deadline) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - vrowire::Clock::now());
   vrowire::UniqueFd sock;
   int err =
@@ -92,14 +128,14 @@ int SocketClient::connectLocked(Deadline deadline) {
   return 0;
 }
 
-void SocketClient::lose(int err, int closing) {
+void SocketClient::Link::lose(int err, int closing) {
   mSock.reset();
   mCancels.clear();
   report(closing != 0 ? "the peer at " + mPath + " ended the connection: " + strerror(-closing)
                       : "lost the peer at " + mPath + ": " + strerror(-err));
 }
 
-int SocketClient::sendCancels(Deadline deadline) {
+int SocketClient::Link::sendCancels(Deadline deadline) {
   while (!mCancels.empty()) {
     vrowire::Request cancel;
     cancel.kind = Kind::Cancel;
@@ -114,8 +150,8 @@ int SocketClient::sendCancels(Deadline deadline) {
   return 0;
 }
 
-int SocketClient::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
-                           vrowire::Answer* answer) {
+int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
+                                 vrowire::Answer* answer) {
   const size_t size = vrowire::encodeRequest(mOut.get(), vrowire::kMaxMessage, mRequest);
   if (size == 0) return -EMSGSIZE;
   for (;;) {
@@ -156,7 +192,7 @@ int SocketClient::exchange(const int* fds, size_t fdCount, bool retry, Deadline 
   }
 }
 
-int SocketClient::registerLocked(const ShmMemInfo* infos, size_t count) {
+int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (infos[i].fd < 0) return -EBADF;
     if (strlen(infos[i].name.c_str()) >= vrowire::kNameSize) return -ENAMETOOLONG;
@@ -192,26 +228,27 @@ int SocketClient::registerLocked(const ShmMemInfo* infos, size_t count) {
 }
 
 int SocketClient::registerShm(ShmMemInfo& info) {
-  std::lock_guard<std::mutex> guard(mLock);
-  return registerLocked(&info, 1);
+  std::lock_guard<std::mutex> guard(mLink->mLock);
+  return mLink->registerLocked(&info, 1);
 }
 
 int SocketClient::registerShms(std::vector<ShmMemInfo>& infos) {
-  std::lock_guard<std::mutex> guard(mLock);
-  return registerLocked(infos.data(), infos.size());
+  std::lock_guard<std::mutex> guard(mLink->mLock);
+  return mLink->registerLocked(infos.data(), infos.size());
 }
 
 int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
-  std::lock_guard<std::mutex> guard(mLock);
-  const Deadline deadline = vrowire::after(mTimeoutMs);
+  Link& link = *mLink;
+  std::lock_guard<std::mutex> guard(link.mLock);
+  const Deadline deadline = vrowire::after(link.mTimeoutMs);
   int result = 0;
   size_t start = 0;
   do {
     const size_t part = std::min(vrowire::kMaxHandles, infos.size() - start);
-    vrowire::Request& request = begin(Kind::Deregister);
+    vrowire::Request& request = link.begin(Kind::Deregister);
     for (size_t i = 0; i < part; ++i) request.handles.push_back(infos[start + i].handle);
     vrowire::Answer answer;
-    const int err = exchange(nullptr, 0, start == 0, deadline, &answer);
+    const int err = link.exchange(nullptr, 0, start == 0, deadline, &answer);
     if (err != 0) return err;
     if (result == 0) result = answer.status;
     start += part;
@@ -223,25 +260,26 @@ int SocketClient::sendCommand(int command, void* data, size_t length) {
   const size_t sizes[] = {0, sizeof(PeerChecksum), sizeof(PeerFill), sizeof(PeerHoldings)};
   if (command < PEER_COMMAND_CHECKSUM || command > PEER_COMMAND_HOLDINGS) return -EOPNOTSUPP;
   if (data == nullptr || length != sizes[command]) return -EINVAL;
-  std::lock_guard<std::mutex> guard(mLock);
+  Link& link = *mLink;
+  std::lock_guard<std::mutex> guard(link.mLock);
   vrowire::Answer answer;
   int err = 0;
   if (command == PEER_COMMAND_CHECKSUM) {
     auto* checksum = static_cast<PeerChecksum*>(data);
-    begin(Kind::Checksum).handle = checksum->handle;
-    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+    link.begin(Kind::Checksum).handle = checksum->handle;
+    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
     if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
     checksum->crc32 = answer.crc32;
     checksum->bytes = answer.bytes;
   } else if (command == PEER_COMMAND_FILL) {
     const auto* fill = static_cast<const PeerFill*>(data);
-    vrowire::Request& request = begin(Kind::Fill);
+    vrowire::Request& request = link.begin(Kind::Fill);
     request.handle = fill->handle;
     request.value = fill->value;
-    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
   } else {
-    begin(Kind::Holdings);
-    err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+    link.begin(Kind::Holdings);
+    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
     if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
     auto* holdings = static_cast<PeerHoldings*>(data);
     holdings->memories = answer.memories;
@@ -253,14 +291,15 @@ int SocketClient::sendCommand(int command, void* data, size_t length) {
 }
 
 int SocketClient::waitForPeer(int timeoutMs) {
+  Link& link = *mLink;
   const Deadline deadline = vrowire::after(timeoutMs);
   for (;;) {
     int err = 0;
     {
-      std::lock_guard<std::mutex> guard(mLock);
-      begin(Kind::Ping);
+      std::lock_guard<std::mutex> guard(link.mLock);
+      link.begin(Kind::Ping);
       vrowire::Answer answer;
-      err = exchange(nullptr, 0, true, vrowire::after(mTimeoutMs), &answer);
+      err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
       if (err == 0) err = answer.status;
     }
     if (err == 0 || vrowire::Clock::now() >= deadline) return err;

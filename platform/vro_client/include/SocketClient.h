@@ -14,16 +14,12 @@
 // lock held; the client never calls back into the manager.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "IPCClient.h"
-#include "Packet.h"
-#include "PeerWire.h"
-#include "UniqueFd.h"
 
 namespace NSCam {
 namespace ipc {
@@ -36,6 +32,8 @@ class SocketClient : public IPCClient {
   // A client of the peer at path; a call may take up to timeoutMs. Connects at first use.
   SocketClient(std::string path, int timeoutMs);
   ~SocketClient() override;
+  SocketClient(const SocketClient&) = delete;
+  SocketClient& operator=(const SocketClient&) = delete;
 
   // The process-wide client of the peer that VROCAM_IPC_SOCKET names (timeout from
   // VROCAM_IPC_TIMEOUT_MS), or null when the variable is unset. Never delete it.
@@ -56,30 +54,8 @@ class SocketClient : public IPCClient {
   int deregisterShms(std::vector<ShmMemInfo> infos) override;
 
  private:
-  int registerLocked(const ShmMemInfo* infos, size_t count);
-  // Starts mRequest as a request of kind with the next sequence number.
-  vrowire::Request& begin(vrowire::Kind kind);
-  // Sends mRequest with fds and waits for its answer, all before deadline. retry: the request is
-  // the first of its call, so a connection found dead may be replaced and the request resent.
-  int exchange(const int* fds, size_t fdCount, bool retry, vrowire::Deadline deadline,
-               vrowire::Answer* answer);
-  int connectLocked(vrowire::Deadline deadline);
-  // Sends the undoing of registrations that timed out, before anything else.
-  int sendCancels(vrowire::Deadline deadline);
-  // Ends the connection, logging why once.
-  void lose(int err, int closing);
-  void report(const std::string& text);
-
-  const std::string mPath;
-  const int mTimeoutMs;
-  std::mutex mLock;
-  vrowire::UniqueFd mSock;
-  uint32_t mSeq = 0;
-  vrowire::Request mRequest;
-  std::vector<uint32_t> mCancels;  // first seqs of registrations to undo, not sent yet
-  bool mReported = false;          // a failure was logged since the last answer
-  std::unique_ptr<uint8_t[]> mOut;
-  std::unique_ptr<uint8_t[]> mIn;
+  struct Link;  // the connection to the peer and what goes over it
+  const std::unique_ptr<Link> mLink;
 };
 
 }  // namespace wrapper
