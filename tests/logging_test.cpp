@@ -127,12 +127,12 @@ TEST(GatedLogTest, LongLines) {
 
 namespace {
 
-// What the host's stderr logger writes for message, without the "W/Tag(pid): " head.
+// What the host's stderr logger writes for message, without its time stamp and head.
 std::string hostLine(const char* message) {
   vrotest::StderrCapture capture;
   ULogger().onLogMessage(0, "Tag", 2, message, 0);
   const std::string line = capture.text();
-  const std::string head = "W/Tag(" + std::to_string(getpid()) + "): ";
+  const std::string head = vrotest::logHead('W', "Tag");
   return line.compare(0, head.size(), head) == 0 ? line.substr(head.size()) : "bad head: " + line;
 }
 

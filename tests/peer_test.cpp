@@ -162,9 +162,9 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_NO_FATAL_FAILURE(
       startPeer({"--max-memories", "3", "--max-bytes", "64K", "--max-clients", "1"}));
-  EXPECT_TRUE(peer.logShows(
-      "I/vrocam_ipc_peer(" + std::to_string(peer.pid()) + "): serving " + peer.socket() +
-      " (per client at most 3 memories and 65536 bytes; at most 1 clients)\n"));
+  EXPECT_TRUE(
+      peer.logShows(logHead('I', "vrocam_ipc_peer", peer.pid()) + "serving " + peer.socket() +
+                    " (per client at most 3 memories and 65536 bytes; at most 1 clients)\n"));
   EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), -EUSERS);
   EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(getpid()) + " uid " +
                             std::to_string(getuid()) + ": already 1 clients\n"));
@@ -253,9 +253,10 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   }
   EXPECT_FALSE(isOpen(info.fd));
   EXPECT_EQ(mappingOf(info.addr), "");
-  const std::string warning = "W/VroIPCClient(" + std::to_string(getpid()) +
-                              "): cannot reach the peer at " + linkSocket() + ": ";
-  EXPECT_NE(warnings.find(warning + "Connection refused\n"), std::string::npos) << warnings;
+  const std::string warning =
+      logHead('W', "VroIPCClient") + "cannot reach the peer at " + linkSocket() + ": ";
+  EXPECT_NE(warnings.find(warning + "-111 ECONNREFUSED: Connection refused\n"), string::npos)
+      << warnings;
   EXPECT_EQ(warnings.find(warning), warnings.rfind(warning)) << warnings;
   ASSERT_NO_FATAL_FAILURE(startPeer());
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
@@ -338,11 +339,13 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
             std::string::npos);
   ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
   const std::string tooLong = peer.socket() + std::string(108 - peer.socket().size(), 's');
-  EXPECT_NE(runPeer("--socket " + tooLong + " 2>&1").find(": File name too long\n"),
-            std::string::npos);
+  EXPECT_NE(
+      runPeer("--socket " + tooLong + " 2>&1").find(": -36 ENAMETOOLONG: File name too long\n"),
+      std::string::npos);
   const std::string file = peer.socket() + ".txt";  // not a socket: left alone
   ASSERT_TRUE(std::ofstream(file).good());
-  EXPECT_NE(runPeer("--socket " + file + " 2>&1").find(": File exists\n"), std::string::npos);
+  EXPECT_NE(runPeer("--socket " + file + " 2>&1").find(": -17 EEXIST: File exists\n"),
+            std::string::npos);
   EXPECT_EQ(unlink(file.c_str()), 0);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
@@ -386,8 +389,7 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
     SocketClient trusting(fake, 2000);
     EXPECT_EQ(trusting.waitForPeer(0), -EACCES);
     EXPECT_EQ(trusting.waitForPeer(0), -EACCES);
-    EXPECT_EQ(warning.text(), "W/VroIPCClient(" + std::to_string(getpid()) +
-                                  "): refused the peer at " + fake +
+    EXPECT_EQ(warning.text(), logHead('W', "VroIPCClient") + "refused the peer at " + fake +
                                   ": it runs as uid 65534, neither ours (0) nor root\n");
   }
   kill(impostor, SIGKILL);
@@ -659,9 +661,8 @@ TEST(SocketClientTest, ACallThatTimesOutLosesNothing) {
     EXPECT_EQ(client->waitForPeer(0), -ETIMEDOUT);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1))
         << "the timeout of the environment was not used";
-    EXPECT_EQ(warnings.text(), "W/VroIPCClient(" + std::to_string(getpid()) +
-                                   "): no answer from the peer at " + stopped.socket() +
-                                   " within 100 ms; the connection is kept\n");
+    EXPECT_EQ(warnings.text(), logHead('W', "VroIPCClient") + "no answer from the peer at " +
+                                   stopped.socket() + " within 100 ms; the connection is kept\n");
     ASSERT_EQ(kill(stopped.pid(), SIGCONT), 0);
     PeerHoldings held{};
     EXPECT_EQ(client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)), 0);

@@ -6,11 +6,13 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "ErrnoText.h"
 #include "PeerCommands.h"
 #include "PeerWire.h"
 
@@ -26,9 +28,12 @@ DemoPeer::~DemoPeer() {
 }
 
 bool DemoPeer::start(const std::string& binary) {
+  // A fresh name for the socket's directory, which the peer makes (0700) and removes again when
+  // it stops, also when this program is killed.
   char dir[] = "/tmp/vrocam-demo-XXXXXX";
-  if (mkdtemp(dir) == nullptr) {
-    perror("mkdtemp");
+  if (mkdtemp(dir) == nullptr || rmdir(dir) != 0) {
+    fprintf(stderr, "vrocam_shm_demo: cannot make a private directory: %s\n",
+            vrocam_host::errnoText(errno).c_str());
     return false;
   }
   mDir = dir;
@@ -38,11 +43,13 @@ bool DemoPeer::start(const std::string& binary) {
   launch.socket = socket;
   const int err = mProcess.start(launch);
   if (err != 0) {
-    fprintf(stderr, "cannot start the peer %s: %s\n", binary.c_str(), strerror(-err));
+    fprintf(stderr, "vrocam_shm_demo: cannot start the peer %s: %s\n", binary.c_str(),
+            vrocam_host::errnoText(err).c_str());
     return false;
   }
   setenv("VROCAM_IPC_SOCKET", socket.c_str(), 1);
-  printf("== peer daemon pid %d serving %s\n", static_cast<int>(mProcess.pid()), socket.c_str());
+  printf("== IPC client: the peer daemon pid %d that this demo started, serving %s\n",
+         static_cast<int>(mProcess.pid()), socket.c_str());
   return true;
 }
 
@@ -55,9 +62,8 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
   const std::vector<unsigned char> expected(info.size, written);
   PeerChecksum checksum{info.handle, 0, 0};
   const int asked = client.sendCommand(PEER_COMMAND_CHECKSUM, &checksum, sizeof(checksum));
-  const bool sees =
-      asked == 0 && checksum.bytes == info.size &&
-      checksum.crc32 == static_cast<uint32_t>(crc32_z(0, expected.data(), expected.size()));
+  const bool sees = asked == 0 && checksum.bytes == info.size &&
+                    checksum.crc32 == crc32_z(0, expected.data(), expected.size());
 
   const auto theirs = static_cast<unsigned char>(written ^ 0xFF);
   PeerFill fill{info.handle, theirs};
@@ -66,9 +72,13 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
   bool arrived = filled == 0;
   for (unsigned int i = 0; arrived && i < info.size; ++i) arrived = data[i] == theirs;
 
-  printf("  handle %3d %-16s peer checksum %08x %s ours (%d); peer wrote 0x%02x: %s (%d)\n",
-         info.handle, info.name.c_str(), checksum.crc32, sees ? "==" : "!=", asked, theirs,
-         arrived ? "read back through our mapping" : "NOT seen here", filled);
+  char seen[96], wrote[96];
+  snprintf(seen, sizeof(seen), "%08x %s ours", checksum.crc32, sees ? "==" : "!=");
+  snprintf(wrote, sizeof(wrote), "0x%02x: %s", theirs,
+           arrived ? "read back through our mapping" : "NOT seen here");
+  printf("  handle %3d %-16s peer checksum %s; peer wrote %s\n", info.handle, info.name.c_str(),
+         asked == 0 ? seen : ("failed, " + vrocam_host::errnoText(asked)).c_str(),
+         filled == 0 ? wrote : ("nothing, " + vrocam_host::errnoText(filled)).c_str());
   return sees && arrived;
 }
 

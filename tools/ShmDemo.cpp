@@ -3,6 +3,7 @@
 // the host IPC client (the in-process loopback, or with --peer the peer daemon), showing the
 // registry after each step and counting leaks.
 #include <fcntl.h>
+#include <getopt.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -13,8 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "DemoPeer.h"
 #include "DemoTable.h"
+#include "ErrnoText.h"
 #include "ProcessResources.h"
 #include "ULogger.h"
 
@@ -25,6 +28,12 @@ using NSCam::ipc::wrapper::IPC_USER;
 using NSCam::ipc::wrapper::ShmMemAlloc;
 using Id = IPCClientShmMgr::Identifier;
 
+// A result as the manager gives it: -1 is its own failure, another negative value the IPC
+// client's errno.
+std::string resultText(int result) {
+  return result == -1 ? "-1 (failed)" : result == 0 ? "0" : vrocam_host::errnoText(result);
+}
+
 struct Options {
   unsigned int regions = 3;
   unsigned int size = 4096;
@@ -33,52 +42,62 @@ struct Options {
 
 void usage(const char* program) {
   printf(
-      "usage: %s [--regions N] [--size BYTES] [--peer BINARY]\n"
+      "usage: %s [--regions N] [--size SIZE] [--peer BINARY]\n"
       "  --regions N    memories per batch, 1 to 64 (default 3)\n"
-      "  --size BYTES   size of each memory, 1 to 16777216 (default 4096)\n"
+      "  --size SIZE    size of each memory, 1 to 16M, with K or M (default 4K)\n"
       "  --peer BINARY  start the peer daemon BINARY on a private socket and run against it\n"
-      "Set vendor.debug.ipc.log (env vendor.debug.ipc.log=2 %s) to see the manager's log lines.\n",
+      "  --help, --version\n"
+      "Options also take the form --name=VALUE. Without --peer the demo uses the peer that\n"
+      "VROCAM_IPC_SOCKET names, or else the in-process loopback client. Set vendor.debug.ipc.log\n"
+      "(env vendor.debug.ipc.log=2 %s) to see the manager's log lines.\n",
       program, program);
 }
 
-// false when the command line is not understood; exits after --help.
-bool parse(int argc, char** argv, Options* options) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      usage(argv[0]);
-      exit(0);
-    }
-    if (i + 1 >= argc) return false;
-    if (arg == "--peer") {
-      options->peer = argv[++i];
-      continue;
-    }
-    char* end = nullptr;
-    const unsigned long value = strtoul(argv[++i], &end, 10);
-    if (*end != '\0') return false;
-    if (arg == "--regions" && value >= 1 && value <= 64) {
-      options->regions = static_cast<unsigned int>(value);
-    } else if (arg == "--size" && value >= 1 && value <= (16u << 20)) {
-      options->size = static_cast<unsigned int>(value);
-    } else {
-      return false;
+Options parse(int argc, char** argv) {
+  const vrotools::CommandLine line("vrocam_shm_demo");
+  const option longOptions[] = {
+      {"regions", required_argument, nullptr, 'r'}, {"size", required_argument, nullptr, 's'},
+      {"peer", required_argument, nullptr, 'p'},    {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0},
+  };
+  Options options;
+  opterr = 0;
+  for (int c; (c = getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
+    switch (c) {
+      case 'r':
+        options.regions = line.number("regions", optarg, 1, 64);
+        break;
+      case 's':
+        options.size = line.number("size", optarg, 1, 16u << 20, true);
+        break;
+      case 'p':
+        options.peer = optarg;
+        break;
+      case 'h':
+        usage(argv[0]);
+        exit(0);
+      case 'V':
+        line.version();
+      default:
+        line.unknown(c, argv);
     }
   }
-  return true;
+  if (optind < argc) line.fail(("unexpected argument '" + std::string(argv[optind]) + "'").c_str());
+  return options;
 }
 
 class Demo {
  public:
-  Demo(const Options& options, IPCClientShmMgr& mgr, IPCClient& client)
-      : mOptions(options), mMgr(mgr), mClient(client), mTable(client) {}
+  // withPeer: a peer process is on the other side of the client, to cross-check with.
+  Demo(const Options& options, IPCClientShmMgr& mgr, IPCClient& client, bool withPeer)
+      : mOptions(options), mMgr(mgr), mClient(client), mTable(client), mWithPeer(withPeer) {}
 
   // Runs every step; true when every call succeeded and every memory read back its pattern.
   bool run();
 
  private:
   void expect(const std::string& call, int result) {
-    printf("  %-58s -> %d\n", call.c_str(), result);
+    printf("  %-58s -> %s\n", call.c_str(), resultText(result).c_str());
     if (result != 0) mOk = false;
   }
   void forEachMemory(const std::function<void(const DemoKey&, const ShmMemInfo&)>& visit);
@@ -92,6 +111,7 @@ class Demo {
   IPCClientShmMgr& mMgr;
   IPCClient& mClient;
   DemoTable mTable;
+  const bool mWithPeer;
   bool mOk = true;
   const Id mPipeline{NSCam::ipc::wrapper::IPC_USER_PIPELINE, 0, 0};
   const Id mAaa{NSCam::ipc::wrapper::IPC_USER_3A, 0, 42};
@@ -188,7 +208,7 @@ void Demo::writeAndReadBack() {
 }
 
 void Demo::checkWithPeer() {
-  printf("\n== the peer reads each memory through its own mapping, then writes into it\n");
+  printf("\n== the peer checksums each memory from its side, then writes a byte into all of it\n");
   forEachMemory([&](const DemoKey&, const ShmMemInfo& info) {
     if (!showPeerView(mClient, info, patternOf(info))) mOk = false;
   });
@@ -235,7 +255,7 @@ bool Demo::run() {
   allocate();
   registerOwnMemory();
   writeAndReadBack();
-  if (!mOptions.peer.empty()) checkWithPeer();
+  if (mWithPeer) checkWithPeer();
   releaseEachWay();
   return mOk;
 }
@@ -244,11 +264,7 @@ bool Demo::run() {
 }  // namespace vrodemo
 
 int main(int argc, char** argv) {
-  vrodemo::Options options;
-  if (!vrodemo::parse(argc, argv, &options)) {
-    vrodemo::usage(argv[0]);
-    return 2;
-  }
+  const vrodemo::Options options = vrodemo::parse(argc, argv);
   // Setting the property asks for the manager's detail lines: open the details level for them.
   if (getenv("vendor.debug.ipc.log") != nullptr && getenv("VROCAM_LOG_LEVEL") == nullptr) {
     NSCam::Utils::ULog::ULogger::sDetailsLevel = 5;
@@ -257,16 +273,23 @@ int main(int argc, char** argv) {
 
   vrodemo::DemoPeer peer;
   if (!options.peer.empty() && !peer.start(options.peer)) return 1;
+  const char* socket = getenv("VROCAM_IPC_SOCKET");
+  const bool withPeer = socket != nullptr && *socket != '\0';
+  if (options.peer.empty()) {
+    printf("== IPC client: %s\n",
+           withPeer ? ("the peer at " + std::string(socket) + " (VROCAM_IPC_SOCKET)").c_str()
+                    : "the in-process loopback (no peer process; VROCAM_IPC_SOCKET is unset)");
+  }
   vrodemo::IPCClientShmMgr* mgr = vrodemo::IPCClientShmMgr::getInstance();
   NSCam::ipc::wrapper::IPCClient* client =
       NSCam::ipc::wrapper::IPCClientFactory::getInstance(NSCam::ipc::wrapper::IPC_PLATFORM_DEFAULT);
   if (client == nullptr) {
-    fprintf(stderr, "no IPC client\n");
+    fprintf(stderr, "vrocam_shm_demo: no IPC client: the peer at %s does not answer\n", socket);
     return 1;
   }
 
   const vrodemo::ProcessResources before = vrodemo::ProcessResources::now();
-  vrodemo::Demo demo(options, *mgr, *client);
+  vrodemo::Demo demo(options, *mgr, *client, withPeer);
   const bool ok = demo.run();
   const vrodemo::ProcessResources after = vrodemo::ProcessResources::now();
 

@@ -1,19 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
-// Host log output shared by the logging stand-ins.
+// Host log lines in logcat's threadtime layout.
 #include "HostLogLine.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace vrocam_host {
 
 size_t formatLogLine(char* line, size_t capacity, char levelLetter, const char* tag,
                      const char* text) {
-  int n = snprintf(line, capacity, "%c/%s(%d): ", levelLetter, tag != nullptr ? tag : "",
-                   static_cast<int>(getpid()));
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  char when[32];
+  strftime(when, sizeof(when), "%m-%d %H:%M:%S", &local);
+  int n = snprintf(line, capacity, "%s.%03ld %5d %5d %c %-8s: ", when, now.tv_nsec / 1000000,
+                   static_cast<int>(getpid()), static_cast<int>(syscall(SYS_gettid)), levelLetter,
+                   tag != nullptr ? tag : "");
   if (n < 0) n = 0;
   size_t used = static_cast<size_t>(n) < capacity ? static_cast<size_t>(n) : capacity - 1;
   // The line breaks that end a message end the line; every other control character is shown as
@@ -46,15 +54,6 @@ void writeLogLine(char levelLetter, const char* tag, const char* text) {
   const size_t size = formatLogLine(line, sizeof(line), levelLetter, tag, text);
   ssize_t ignored = write(STDERR_FILENO, line, size);
   (void)ignored;
-}
-
-uint32_t envSwitch(const char* name, uint32_t fallback) {
-  const char* text = getenv(name);
-  if (text == nullptr || *text == '\0') return fallback;
-  char* end = nullptr;
-  const unsigned long value = strtoul(text, &end, 0);
-  if (*end != '\0' || value > 0xFFFFFFFFul) return fallback;
-  return static_cast<uint32_t>(value);
 }
 
 }  // namespace vrocam_host

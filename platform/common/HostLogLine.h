@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Host log output shared by the logging stand-ins: one "L/TAG(PID): text" line on stderr.
+// Host log output shared by the stand-ins, the socket client and the peer: one line per message
+// on stderr, laid out as logcat's threadtime format shows the device's lines:
+// "MM-DD HH:MM:SS.mmm   PID   TID L TAG     : text".
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 namespace vrocam_host {
 
@@ -18,8 +19,5 @@ size_t formatLogLine(char* buffer, size_t capacity, char levelLetter, const char
 
 // Writes one line with a single write, so that lines of several threads never interleave.
 void writeLogLine(char levelLetter, const char* tag, const char* text);
-
-// The unsigned value of the environment variable name (decimal or 0x hex), or fallback.
-uint32_t envSwitch(const char* name, uint32_t fallback);
 
 }  // namespace vrocam_host

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "HostDebugPrint.h"
+#include "EnvSwitch.h"
 #include "HostLogLine.h"
 
 namespace {

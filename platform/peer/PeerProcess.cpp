@@ -59,7 +59,7 @@ int PeerProcess::start(const PeerLaunch& launch) {
   mPid = fork();
   if (mPid < 0) return -errno;
   if (mPid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);     // a peer stops cleanly, its socket file removed
     if (getppid() != parent) _exit(127);  // the parent died before the line above
     // With a log the peer keeps no pipe of ours open: a caller that dies without stopping it
     // leaves no reader of its output waiting for the peer too.

@@ -30,11 +30,16 @@ std::string duration(std::chrono::milliseconds ms) {
                                 : std::to_string(ms.count() / 1000) + " s";
 }
 
-// Creates the missing directories of path, each with mode 0700. 0, or a negative errno.
-int makeDirectories(const std::string& path) {
+// Creates the missing directories of path, each with mode 0700, adding them to *made. 0, or a
+// negative errno.
+int makeDirectories(const std::string& path, std::vector<std::string>* made) {
   for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     const std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) return -errno;
+    if (mkdir(part.c_str(), 0700) == 0) {
+      made->push_back(part);
+    } else if (errno != EEXIST) {
+      return -errno;
+    }
     if (slash == std::string::npos) return 0;
   }
 }
@@ -54,6 +59,9 @@ PeerServer::~PeerServer() {
   struct stat st {};
   if (!mPath.empty() && lstat(mPath.c_str(), &st) == 0 && st.st_ino == mInode) {
     unlink(mPath.c_str());
+  }
+  for (auto dir = mMadeDirectories.rbegin(); dir != mMadeDirectories.rend(); ++dir) {
+    rmdir(dir->c_str());  // only when empty: what others put there stays
   }
   if (mListen) peerLog('I', "stopped: released %zu memories of %zu clients", memories, clients);
 }
@@ -79,7 +87,7 @@ int PeerServer::listen(const std::string& path) {
   const std::string dir = slash == std::string::npos ? "."
                           : slash == 0               ? "/"
                                                      : path.substr(0, slash);
-  int err = makeDirectories(dir);
+  int err = makeDirectories(dir, &mMadeDirectories);
   UniqueFd lock(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (err == 0 && !lock) err = -errno;
   // Peers that start together take turns in the directory: one that binds has listened before

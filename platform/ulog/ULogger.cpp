@@ -2,6 +2,7 @@
 // Host unified logger: switches from the environment at start, lines on stderr.
 #include "ULogger.h"
 
+#include "EnvSwitch.h"
 #include "HostLogLine.h"
 
 namespace NSCam {

@@ -13,6 +13,8 @@
 #include <mutex>
 #include <thread>
 
+#include "EnvSwitch.h"
+#include "ErrnoText.h"
 #include "HostLogLine.h"
 #include "Packet.h"
 #include "PeerCommands.h"
@@ -82,8 +84,8 @@ SocketClient* SocketClient::shared() {
   static SocketClient* client = []() -> SocketClient* {
     const char* path = getenv("VROCAM_IPC_SOCKET");
     if (path == nullptr || *path == '\0') return nullptr;
-    uint32_t timeout = vrocam_host::envSwitch("VROCAM_IPC_TIMEOUT_MS", kDefaultTimeoutMs);
-    if (timeout == 0 || timeout > INT_MAX) timeout = kDefaultTimeoutMs;
+    const uint32_t timeout =
+        vrocam_host::envSwitch("VROCAM_IPC_TIMEOUT_MS", kDefaultTimeoutMs, 1, INT_MAX);
     return new SocketClient(path, static_cast<int>(timeout));  // outlives every static user
   }();
   return client;
@@ -120,7 +122,7 @@ int SocketClient::Link::connectLocked(Deadline deadline) {
     return -EACCES;
   }
   if (err != 0) {
-    report("cannot reach the peer at " + mPath + ": " + strerror(-err));
+    report("cannot reach the peer at " + mPath + ": " + vrocam_host::errnoText(err));
     return err;
   }
   mSock = std::move(sock);
@@ -131,8 +133,9 @@ int SocketClient::Link::connectLocked(Deadline deadline) {
 void SocketClient::Link::lose(int err, int closing) {
   mSock.reset();
   mCancels.clear();
-  report(closing != 0 ? "the peer at " + mPath + " ended the connection: " + strerror(-closing)
-                      : "lost the peer at " + mPath + ": " + strerror(-err));
+  report(closing != 0
+             ? "the peer at " + mPath + " ended the connection: " + vrocam_host::errnoText(closing)
+             : "lost the peer at " + mPath + ": " + vrocam_host::errnoText(err));
 }
 
 int SocketClient::Link::sendCancels(Deadline deadline) {
@@ -221,7 +224,13 @@ int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
       if (mSock) sendCancels(Deadline::min());
     }
     if (err != 0) return err;
-    if (answer.status != 0) return answer.status;
+    if (answer.status != 0) {
+      const std::string text = "the peer at " + mPath + " refused to register " +
+                               std::to_string(count) +
+                               " memories: " + vrocam_host::errnoText(answer.status);
+      vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
+      return answer.status;
+    }
     start += part;
   } while (start < count);
   return 0;

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -102,9 +103,22 @@ StderrCapture::StderrCapture()
 StderrCapture::~StderrCapture() { dup2(mSaved.get(), STDERR_FILENO); }
 
 std::string StderrCapture::text() const {
-  std::string out(static_cast<size_t>(lseek(mFile.get(), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(mFile.get(), &out[0], out.size(), 0), static_cast<ssize_t>(out.size()));
+  std::string all(static_cast<size_t>(lseek(mFile.get(), 0, SEEK_END)), '\0');
+  EXPECT_EQ(pread(mFile.get(), &all[0], all.size(), 0), static_cast<ssize_t>(all.size()));
+  std::string out;
+  for (size_t at = 0; at < all.size();) {
+    const size_t end = std::min(all.find('\n', at), all.size() - 1) + 1;
+    const size_t skip = std::min(kTimeStamp, end - at);
+    out.append(all, at + skip, end - at - skip);
+    at = end;
+  }
   return out;
+}
+
+std::string logHead(char level, const std::string& tag, pid_t pid) {
+  char head[64];
+  snprintf(head, sizeof(head), " %5d %5d %c %-8s: ", pid, pid, level, tag.c_str());
+  return head;
 }
 
 }  // namespace vrotest

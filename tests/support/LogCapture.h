@@ -3,6 +3,8 @@
 // logging switches when it goes.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -57,10 +59,17 @@ class StderrCapture {
   ~StderrCapture();
   StderrCapture(const StderrCapture&) = delete;
   StderrCapture& operator=(const StderrCapture&) = delete;
+  // What was written, each line without its time stamp ("MM-DD HH:MM:SS.mmm").
   std::string text() const;
 
  private:
   vrowire::UniqueFd mFile, mSaved;
 };
+
+// The length of a host log line's time stamp.
+constexpr size_t kTimeStamp = 18;
+
+// What follows the time stamp in a host log line of pid's main thread: " PID   PID L TAG     : ".
+std::string logHead(char level, const std::string& tag, pid_t pid = getpid());
 
 }  // namespace vrotest

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // PeerProcess: a peer daemon (vrocam_ipc_peer) run as a child process, for the demo, the tests
-// and the benchmarks. The child dies with the thread that started it (PR_SET_PDEATHSIG), so that
-// a caller killed without stopping it leaves no peer behind.
+// and the benchmarks. The child is stopped (SIGTERM) when the thread that started it ends
+// (PR_SET_PDEATHSIG), so that a caller killed without stopping it leaves no peer behind, and
+// the peer removes its socket and the directories it made for it.
 #pragma once
 
 #include <signal.h>

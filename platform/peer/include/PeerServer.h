@@ -43,7 +43,8 @@ struct ServerLimits {
 class PeerServer {
  public:
   explicit PeerServer(const ServerLimits& limits);
-  // Unmaps and closes everything, and removes the socket file if it is still this server's.
+  // Unmaps and closes everything, and removes the socket file if it is still this server's, and
+  // the directories listen() made for it if they are empty.
   ~PeerServer();
   PeerServer(const PeerServer&) = delete;
   PeerServer& operator=(const PeerServer&) = delete;
@@ -104,6 +105,7 @@ class PeerServer {
   size_t mBudget;
   size_t mHeld = 0;
   std::string mPath;
+  std::vector<std::string> mMadeDirectories;
   ino_t mInode = 0;
   vrowire::UniqueFd mListen;
   vrowire::UniqueFd mReserve;  // given up to accept, and refuse, a client when out of descriptors
