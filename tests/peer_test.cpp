@@ -520,6 +520,66 @@ TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
   EXPECT_EQ(later.send(message(Kind::Ping)), 0);
 }
 
+// The peer's command line: each bad option or value is named, and --status prints JSON too.
+TEST_F(PeerTest, ThePeersCommandLine) {
+  const string at = " --socket " + peer.dir() + "/other.sock 2>&1";
+  // --status finds the peer through VROCAM_IPC_SOCKET, which the fixture set.
+  const struct {
+    string args;
+    int exitCode;
+    string shows;
+  } cases[] = {
+      {"--help", 0, "usage: vrocam_ipc_peer --socket PATH [OPTION...]\n"},
+      {"--version", 0, string("vrocam_ipc_peer ") + VROCAM_VERSION + "\n"},
+      {"--status --json", 0, "\"total\": {\"clients\": 1, \"memories\": 0, \"bytes\": 0}}\n"},
+      {"--status --socket " + peer.dir() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file"},
+      {"--bogus" + at, 2, "vrocam_ipc_peer: unknown option '--bogus' (see --help)\n"},
+      {"--max-clients=0" + at, 2, "--max-clients 0: not a whole number from 1 to 1024 (see"},
+      {"--max-bytes 1Q" + at, 2, "--max-bytes 1Q: not a whole number from 1 to 1125899906842624"},
+      {"--idle-timeout 5m" + at, 2, "--idle-timeout 5m: not a duration from 1 ms to 86400 s"},
+      {"--json" + at, 2, "--json goes with --status"},
+      {"stray" + at, 2, "unexpected argument 'stray'"},
+      {"2>&1 --socket", 2, "--socket needs a value"},
+      {"2>&1", 2, "--socket PATH is needed"},
+  };
+  for (const auto& c : cases) {
+    int exitCode = -1;
+    EXPECT_NE(runTool(VROCAM_PEER_BINARY, c.args, &exitCode).find(c.shows), string::npos) << c.args;
+    EXPECT_EQ(exitCode, c.exitCode) << c.args;
+  }
+}
+
+#ifdef VROCAM_DEMO_BINARY  // the demo is built with the tools
+// The demo's command line, and the IPC client it says it uses: its own peer, the one the
+// environment names, or the loopback; a peer it cannot start is named with the reason.
+TEST_F(PeerTest, TheDemosCommandLine) {
+  const string peerFlag = *VROCAM_TEST_EMULATOR == '\0' ? " --peer " VROCAM_PEER_BINARY : "";
+  // The last case runs with VROCAM_IPC_SOCKET naming the fixture's peer, as this process does.
+  const struct {
+    string args;
+    int exitCode;
+    string shows;
+  } cases[] = {
+      {"--help", 0, "  --size SIZE    size of each memory, 1 to 16M, with K or M (default 4K)\n"},
+      {"--version", 0, string("vrocam_shm_demo ") + VROCAM_VERSION + "\n"},
+      {"--size=8K --regions 1", 0, "IPC client: the in-process loopback"},
+      {"--size 4Q 2>&1", 2, "--size 4Q: not a whole number from 1 to 16777216 (K, M and G"},
+      {"--regions 65 2>&1", 2, "--regions 65: not a whole number from 1 to 64"},
+      {"--peer " + peer.dir() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file or directory\n"},
+      {"--regions 1 2>/dev/null" + peerFlag, 0, "; the peer holds 0 memories and exited with 0\n"},
+      {"--regions 1", 0, " == ours; peer wrote 0x"},
+  };
+  for (const auto& c : cases) {
+    const bool environment = &c == &cases[std::size(cases) - 1];
+    int exitCode = -1;
+    const string out = runTool(VROCAM_DEMO_BINARY, c.args, &exitCode,
+                               environment ? "" : "env -u VROCAM_IPC_SOCKET ");
+    EXPECT_NE(out.find(c.shows), string::npos) << c.args << "\n" << out;
+    EXPECT_EQ(exitCode, c.exitCode) << c.args;
+  }
+}
+#endif
+
 // One client's long command is done in slices between other clients' requests.
 TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
   const Region big = makeRegion(64 << 20, "big", kRegionSeals);

@@ -37,18 +37,21 @@ std::vector<std::string> peerCommand() {
 
 }  // namespace
 
-std::string runPeer(const std::string& args) {
-  std::string line;
-  for (const std::string& word : peerCommand()) line += word + " ";
+std::string runTool(const std::string& tool, const std::string& args, int* exitCode,
+                    const std::string& prefix) {
+  const std::string line = prefix + VROCAM_TEST_EMULATOR + " " + tool + " " + args;
   std::string out;
-  FILE* pipe = popen((line + args).c_str(), "r");
+  FILE* pipe = popen(line.c_str(), "r");
   char chunk[4096];
   for (size_t n; pipe != nullptr && (n = fread(chunk, 1, sizeof(chunk), pipe)) > 0;) {
     out.append(chunk, n);
   }
-  if (pipe != nullptr) pclose(pipe);
+  const int status = pipe != nullptr ? pclose(pipe) : -1;
+  if (exitCode != nullptr) *exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return out;
 }
+
+std::string runPeer(const std::string& args) { return runTool(VROCAM_PEER_BINARY, args); }
 
 TestPeer::~TestPeer() {
   mProcess.stop(SIGKILL);

@@ -16,7 +16,11 @@
 
 namespace vrotest {
 
-// What the peer daemon, run with args by a shell (behind the emulator of a cross build), prints.
+// What tool (a path), run with args by a shell (behind the emulator of a cross build, and after
+// the command prefix, such as "env -u NAME"), prints on stdout; its exit code goes to *exitCode.
+std::string runTool(const std::string& tool, const std::string& args, int* exitCode = nullptr,
+                    const std::string& prefix = "");
+// What the peer daemon, run with args, prints.
 std::string runPeer(const std::string& args);
 
 class TestPeer {
