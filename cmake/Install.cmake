@@ -1,31 +1,53 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the library, its public headers, a CMake package (find_package, then link
 # vrocam::ipc_wrapper_common_client) and a pkg-config file (vrocam_ipc_wrapper_common_client).
+# Everything finds what it needs through run paths relative to itself,
+# so the prefix can be anywhere and moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+set(VROCAM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
+set(VROCAM_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/vrocam)
+# The stand-ins have the closed libraries' names (libcutils.so among them): in a directory of their
+# own they cannot shadow, or be shadowed by, a real library of that name in the prefix's lib/.
+set(VROCAM_HOST_LIBDIR ${CMAKE_INSTALL_LIBDIR}/vrocam-host)
+
+# The path from one installed directory to another (empty: the prefix), both relative to the prefix.
+function(vrocam_relative_path out from to)
+  file(RELATIVE_PATH path "/prefix/${from}" "/prefix/${to}")
+  string(REGEX REPLACE "/$" "" path "${path}")
+  set(${out} ${path} PARENT_SCOPE)
+endfunction()
+
+# The library: beside it the package files, in lib/vrocam-host/ the stand-ins it runs with.
+vrocam_relative_path(lib_to_host ${CMAKE_INSTALL_LIBDIR} ${VROCAM_HOST_LIBDIR})
 set_target_properties(vrocam_ipc_wrapper_common_client PROPERTIES
-  EXPORT_NAME ipc_wrapper_common_client INSTALL_RPATH "$ORIGIN")
-# On the host the stand-ins are installed beside the library, as the closed ones are on the device.
-install(TARGETS vrocam_ipc_wrapper_common_client vrocam_ulog vrocam.debugwrapper vrocam_sysutils
-                vrocam_ipc_wrapper_vro_client cutils
+  EXPORT_NAME ipc_wrapper_common_client INSTALL_RPATH "$ORIGIN/${lib_to_host}")
+install(TARGETS vrocam_ipc_wrapper_common_client EXPORT vrocamTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
+install(TARGETS vrocam_ulog vrocam.debugwrapper vrocam_sysutils vrocam_ipc_wrapper_vro_client cutils
         EXPORT vrocamTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+        LIBRARY DESTINATION ${VROCAM_HOST_LIBDIR} COMPONENT library)
 install(FILES ipc/wrapper/common/include/IPCClientShmMgr.h
               ipc/wrapper/common/include/IPCShmTypes.h
               ipc/wrapper/common/include/VrocamExport.h
               utils/sys/SharedMemory.h utils/sys/FileDescriptor.h utils/sys/BootMode.h
-        DESTINATION include/vrocam)
-install(EXPORT vrocamTargets NAMESPACE vrocam::
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
+        DESTINATION ${VROCAM_INCLUDE_DIR} COMPONENT library)
+install(EXPORT vrocamTargets NAMESPACE vrocam:: DESTINATION ${VROCAM_CMAKE_DIR}
+        COMPONENT library)
 configure_package_config_file(cmake/Config.cmake.in
-  ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
-  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
-# pkg-config, beside the CMake package.
+  ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
+  INSTALL_DESTINATION ${VROCAM_CMAKE_DIR})
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfig.cmake
+              ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_clientConfigVersion.cmake
+        DESTINATION ${VROCAM_CMAKE_DIR} COMPONENT library)
+
+# pkg-config, beside the CMake package; its prefix is found from where the file lies.
+vrocam_relative_path(VROCAM_PC_TO_PREFIX ${CMAKE_INSTALL_LIBDIR}/pkgconfig "")
 configure_file(cmake/vrocam_ipc_wrapper_common_client.pc.in
-  ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-add_library(vrocam::ipc_wrapper_common_client ALIAS vrocam_ipc_wrapper_common_client)
+  ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
