@@ -1,7 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the library, its public headers, a CMake package (find_package, then link
 # vrocam::ipc_wrapper_common_client) and a pkg-config file (vrocam_ipc_wrapper_common_client).
-# Everything finds what it needs through run paths relative to itself,
+# The "host" component adds the peer daemon and the headers of its socket client
+# (vrocam::ipc_host_client). Everything finds what it needs through run paths relative to itself,
 # so the prefix can be anywhere and moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -51,3 +52,20 @@ configure_file(cmake/vrocam_ipc_wrapper_common_client.pc.in
   ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vrocam_ipc_wrapper_common_client.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+
+# The host component: the headers of the socket client, and the peer daemon when it is built.
+set_target_properties(vrocam_ipc_host_client PROPERTIES EXPORT_NAME ipc_host_client)
+target_include_directories(vrocam_ipc_host_client INTERFACE
+  $<INSTALL_INTERFACE:${VROCAM_INCLUDE_DIR}/host> $<INSTALL_INTERFACE:${VROCAM_INCLUDE_DIR}>)
+install(TARGETS vrocam_ipc_host_client EXPORT vrocamHostTargets)
+install(FILES platform/vro_client/include/SocketClient.h platform/vro_client/include/PeerCommands.h
+              ipc/wrapper/client/IPCClient.h
+        DESTINATION ${VROCAM_INCLUDE_DIR}/host COMPONENT host)
+if(VROCAM_BUILD_TOOLS)
+  vrocam_relative_path(bin_to_host ${CMAKE_INSTALL_BINDIR} ${VROCAM_HOST_LIBDIR})
+  set_target_properties(vrocam_ipc_peer PROPERTIES
+    EXPORT_NAME ipc_peer INSTALL_RPATH "$ORIGIN/${bin_to_host}")
+  install(TARGETS vrocam_ipc_peer EXPORT vrocamHostTargets
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host)
+endif()
+install(EXPORT vrocamHostTargets NAMESPACE vrocam:: DESTINATION ${VROCAM_CMAKE_DIR} COMPONENT host)
