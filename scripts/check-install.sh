@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Checks the library as its users meet it: builds it in build-install/ (tests and benchmarks off),
+# installs it into a fresh prefix, builds tests/install/ against that prefix through find_package
+# and through pkg-config, and runs both programs and the installed peer with an empty environment
+# (no LD_LIBRARY_PATH). Also checks that no stand-in lies in the prefix's lib/ and that a project
+# that add_subdirectory()s the source tree builds only the library and the stand-ins, without
+# zlib. Prints one line per check, exits 1 at the first failure. Installs its Debian packages as
+# root.
+#   scripts/check-install.sh
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
+vrocam_install_packages cmake ninja-build g++ zlib1g-dev pkg-config
+
+build=$VROCAM_ROOT/build-install
+consumer=$VROCAM_ROOT/tests/install
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+
+# check WHAT COMMAND...: prints "install: WHAT: ok", or the command's output and a failure.
+check() {
+  local what=$1 out
+  shift
+  if out=$("$@" 2>&1); then
+    echo "install: $what: ok"
+  else
+    printf '%s\n' "$out" >&2
+    echo "install: $what: FAILED" >&2
+    exit 1
+  fi
+}
+
+build_and_install() {
+  cmake -S "$VROCAM_ROOT" -B "$build" -G Ninja -DVROCAM_BUILD_TESTS=OFF -DVROCAM_BUILD_BENCH=OFF \
+    -DVROCAM_BUILD_TOOLS=ON && cmake --build "$build" && cmake --install "$build" --prefix "$prefix"
+}
+
+only_the_product_in_lib() {
+  local others
+  others=$(find "$prefix/lib" -maxdepth 1 -name '*.so*' \
+    ! -name 'libvrocam_ipc_wrapper_common_client.so*')
+  [ -z "$others" ] || { echo "in the prefix's lib/: $others"; return 1; }
+}
+
+find_package_consumer() {
+  cmake -S "$consumer" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" &&
+    cmake --build "$work/cmake" && env -i "$work/cmake/consumer"
+}
+
+pkg_config_consumer() {
+  local flags
+  flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs \
+    vrocam_ipc_wrapper_common_client) || return 1
+  # shellcheck disable=SC2086  # the flags are meant to be split into words
+  c++ -std=c++17 -Wall -Wextra -Werror "$consumer/consumer.cpp" $flags -o "$work/pc-consumer" &&
+    env -i "$work/pc-consumer"
+}
+
+# What the default build of an outer project would do (ninja -n), zlib hidden from CMake.
+subdirectory_builds_library_only() {
+  local steps
+  cmake -S "$consumer" -B "$work/sub" -G Ninja -DVROCAM_SOURCE_DIR="$VROCAM_ROOT" \
+    -DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON && steps=$(cmake --build "$work/sub" -- -n) || return 1
+  if grep -E 'vrocam/(tools|tests|bench|fuzz)/|vrocam_peer\.dir' <<<"$steps"; then return 1; fi
+  grep -q 'Linking CXX shared library vrocam/libvrocam_ipc_wrapper_common_client' <<<"$steps"
+}
+
+check "build, install into a fresh prefix" build_and_install
+check "no stand-in in the prefix's lib/" only_the_product_in_lib
+check "installed vrocam_ipc_peer --help runs" env -i "$prefix/bin/vrocam_ipc_peer" --help
+check "find_package 1.0 consumer builds and runs" find_package_consumer
+check "pkg-config consumer builds and runs" pkg_config_consumer
+check "add_subdirectory builds only the library" subdirectory_builds_library_only
