@@ -24,18 +24,20 @@
 #include <thread>
 #include <vector>
 
-#include "ClientTable.h"
 #include "IPCClientShmMgr.h"
+#include "Mapping.h"
 #include "Packet.h"
 #include "PeerCommands.h"
 #include "PeerServer.h"
+#include "PrivateDirectory.h"
+#include "SealedMemfd.h"
 #include "SocketClient.h"
 
 namespace {
 
 using NSCam::ipc::wrapper::IPCClientShmMgr;
 using NSCam::ipc::wrapper::ShmMemInfo;
-using vrowire::UniqueFd;
+using vrocam::host::UniqueFd;
 
 const IPCClientShmMgr::Identifier kOwner{NSCam::ipc::wrapper::IPC_USER_ISP, 0, 0};
 std::string gSocket;  // the peer's
@@ -43,18 +45,14 @@ std::string gSocket;  // the peer's
 // A memfd sealed as the host ashmem seals regions, mapped read-write, kept for every iteration.
 struct Region {
   explicit Region(size_t size)
-      : fd(memfd_create("vrocam-bench", MFD_CLOEXEC | MFD_ALLOW_SEALING)), size(size) {
-    if (ftruncate(fd.get(), static_cast<off_t>(size)) != 0 ||
-        fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
-      abort();
-    }
-    void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    if (addr == MAP_FAILED) abort();
-    mapping = vropeer::Mapping(addr, size);
+      : fd(vrocam::host::sealedMemfd("vrocam-bench", size)),
+        size(size),
+        mapping(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0), size) {
+    if (!fd || !mapping) abort();
   }
   UniqueFd fd;
   size_t size;
-  vropeer::Mapping mapping;
+  vrocam::host::Mapping mapping;
 };
 
 void BM_ManagerRegisterDeregister(benchmark::State& state) {
@@ -89,31 +87,32 @@ class BareServer {
   }
   // Sends a one-byte request, with fd unless it is -1, and waits for the answer.
   bool ask(char request, int fd) {
-    if (vrowire::sendPacket(mClient.get(), &request, 1, &fd, fd < 0 ? 0 : 1) != 0) return false;
-    vrowire::Received received;
+    if (vrocam::peer::sendPacket(mClient.get(), &request, 1, &fd, fd < 0 ? 0 : 1) != 0)
+      return false;
+    vrocam::peer::Received received;
     char answer = 0;
-    return vrowire::recvPacket(mClient.get(), &answer, 1, &received) == 1 && answer == request;
+    return vrocam::peer::recvPacket(mClient.get(), &answer, 1, &received) == 1 && answer == request;
   }
 
  private:
   static void serve(UniqueFd sock) {
     char buffer[64];
-    vrowire::Received received;
-    vropeer::Mapping mapped;
+    vrocam::peer::Received received;
+    vrocam::host::Mapping mapped;
     UniqueFd kept;
-    while (vrowire::recvPacket(sock.get(), buffer, sizeof(buffer), &received) > 0) {
+    while (vrocam::peer::recvPacket(sock.get(), buffer, sizeof(buffer), &received) > 0) {
       struct stat st {};
       if (buffer[0] == 'R' && !received.fds.empty() && fstat(received.fds[0].get(), &st) == 0) {
         const auto size = static_cast<size_t>(st.st_size);
-        mapped = vropeer::Mapping(
+        mapped = vrocam::host::Mapping(
             mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, received.fds[0].get(), 0),
             size);
         kept = std::move(received.fds[0]);
       } else if (buffer[0] == 'D') {
-        mapped = vropeer::Mapping();
+        mapped = vrocam::host::Mapping();
         kept.reset();
       }  // 'S': the received descriptor is closed with `received`
-      if (vrowire::sendPacket(sock.get(), buffer, 1, nullptr, 0) != 0) break;
+      if (vrocam::peer::sendPacket(sock.get(), buffer, 1, nullptr, 0) != 0) break;
     }
   }
 
@@ -145,19 +144,19 @@ BENCHMARK(BM_BareRegisterDeregister)->Arg(4096)->Arg(1 << 20)->UseRealTime();
 class Asker {
  public:
   Asker() {
-    if (vrowire::connectTo(gSocket, 2000, &mSock) != 0) abort();
+    if (vrocam::peer::connectTo(gSocket, 2000, &mSock) != 0) abort();
   }
   // 0, or the error of the exchange or the answer.
-  int ask(vrowire::Request& request, const int* fds = nullptr, size_t fdCount = 0) {
+  int ask(vrocam::peer::Request& request, const int* fds = nullptr, size_t fdCount = 0) {
     request.seq = ++mSeq;
-    const size_t size = vrowire::encodeRequest(mBuffer, sizeof(mBuffer), request);
-    vrowire::Answer answer;
+    const size_t size = vrocam::peer::encodeRequest(mBuffer, sizeof(mBuffer), request);
+    vrocam::peer::Answer answer;
     int closing = 0;
-    int err = vrowire::sendPacket(mSock.get(), mBuffer, size, fds, fdCount);
+    int err = vrocam::peer::sendPacket(mSock.get(), mBuffer, size, fds, fdCount);
     if (err == 0) {
-      err = vrowire::awaitAnswer(mSock.get(), mBuffer, sizeof(mBuffer),
-                                 static_cast<uint16_t>(request.kind), request.seq,
-                                 vrowire::after(60000), &answer, &closing);
+      err = vrocam::peer::awaitAnswer(mSock.get(), mBuffer, sizeof(mBuffer),
+                                      static_cast<uint16_t>(request.kind), request.seq,
+                                      vrocam::peer::after(60000), &answer, &closing);
     }
     return err != 0 ? err : answer.status;
   }
@@ -165,7 +164,7 @@ class Asker {
  private:
   UniqueFd mSock;
   uint32_t mSeq = 0;
-  uint8_t mBuffer[vrowire::kMaxMessage];
+  uint8_t mBuffer[vrocam::peer::kMaxMessage];
 };
 
 // Pings the peer, each ping an iteration; reports the 50th and 99th percentiles of their latency.
@@ -178,12 +177,12 @@ void pingLatency(benchmark::State& state, bool busy) {
       const Region memory(512u << 20);
       memset(memory.mapping.data(), 0x5A, memory.size);  // pages to read, not holes
       Asker asker;
-      vrowire::Request request;
-      request.kind = vrowire::Kind::Register;
-      request.records = {vrowire::Record{1, 0, static_cast<int64_t>(memory.size), "busy"}};
+      vrocam::peer::Request request;
+      request.kind = vrocam::peer::Kind::Register;
+      request.records = {vrocam::peer::Record{1, 0, static_cast<int64_t>(memory.size), "busy"}};
       const int fd = memory.fd.get();
       if (asker.ask(request, &fd, 1) != 0) abort();
-      request.kind = vrowire::Kind::Checksum;
+      request.kind = vrocam::peer::Kind::Checksum;
       request.handle = 1;
       started = true;
       while (!stop) {
@@ -194,13 +193,13 @@ void pingLatency(benchmark::State& state, bool busy) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the checksum is under way
   }
   Asker pinger;
-  vrowire::Request ping;
+  vrocam::peer::Request ping;
   std::vector<double> latencies;
   for (auto _ : state) {
-    const auto start = vrowire::Clock::now();
+    const auto start = vrocam::peer::Clock::now();
     if (pinger.ask(ping) != 0) state.SkipWithError("ping failed");
     latencies.push_back(
-        std::chrono::duration<double, std::micro>(vrowire::Clock::now() - start).count());
+        std::chrono::duration<double, std::micro>(vrocam::peer::Clock::now() - start).count());
   }
   stop = true;
   if (checksummer.joinable()) checksummer.join();
@@ -220,14 +219,14 @@ BENCHMARK(BM_PingPeerBusyWithAChecksum)->Iterations(2000)->UseRealTime();
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);  // --help ends here, before anything is made
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  char dir[] = "/tmp/vrocam-bench-XXXXXX";
-  if (mkdtemp(dir) == nullptr) return 1;
-  gSocket = std::string(dir) + "/peer.sock";
+  const vrocam::peer::PrivateDirectory dir("/tmp/vrocam-bench-");
+  if (dir.path().empty()) return 1;
+  gSocket = dir.socket();
   setenv("VROCAM_IPC_SOCKET", gSocket.c_str(), 1);
   const UniqueFd stop(eventfd(0, EFD_CLOEXEC));
   int failed = 0;
   {
-    vropeer::PeerServer peer(vropeer::ServerLimits{});
+    vrocam::peer::PeerServer peer(vrocam::peer::ServerLimits{});
     failed = peer.listen(gSocket);
     std::thread serving;
     if (failed == 0) serving = std::thread([&] { failed = peer.run(stop.get()); });
@@ -244,6 +243,5 @@ int main(int argc, char** argv) {
     if (write(stop.get(), &one, sizeof(one)) != sizeof(one)) abort();
     if (serving.joinable()) serving.join();
   }
-  rmdir(dir);
   return failed == 0 ? 0 : 1;
 }

@@ -32,7 +32,8 @@ install(TARGETS vrocam_ulog vrocam.debugwrapper vrocam_sysutils vrocam_ipc_wrapp
 install(FILES ipc/wrapper/common/include/IPCClientShmMgr.h
               ipc/wrapper/common/include/IPCShmTypes.h
               ipc/wrapper/common/include/VrocamExport.h
-              utils/sys/SharedMemory.h utils/sys/FileDescriptor.h utils/sys/BootMode.h
+              utils/sys/SharedMemory.h utils/sys/BootMode.h
+              platform/sysutils/include/FileDescriptor.h
         DESTINATION ${VROCAM_INCLUDE_DIR} COMPONENT library)
 install(EXPORT vrocamTargets NAMESPACE vrocam:: DESTINATION ${VROCAM_CMAKE_DIR}
         COMPONENT library)

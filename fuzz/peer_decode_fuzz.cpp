@@ -12,7 +12,6 @@
 // and once the client is gone no descriptor or mapping may be left.
 //
 // `peer_decode_fuzz --write-seeds=DIR` writes a few valid messages into DIR and exits.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
@@ -28,17 +27,20 @@
 #include <vector>
 
 #include "ClientTable.h"
+#include "Escape.h"
 #include "Packet.h"
 #include "PeerServer.h"
 #include "PeerWire.h"
+#include "ProcessSnapshot.h"
+#include "SealedMemfd.h"
 #include "UniqueFd.h"
 
 namespace {
 
-using vrowire::Kind;
-using vrowire::Record;
-using vrowire::Request;
-using vrowire::UniqueFd;
+using vrocam::host::UniqueFd;
+using vrocam::peer::Kind;
+using vrocam::peer::Record;
+using vrocam::peer::Request;
 
 #define FUZZ_CHECK(cond)                                                                  \
   do {                                                                                    \
@@ -49,11 +51,11 @@ using vrowire::UniqueFd;
   } while (0)
 
 // Small limits, so that inputs reach them with a few records.
-const vropeer::Limits kLimits{8, 3u << 20};
+const vrocam::peer::Limits kLimits{8, 3u << 20};
 
 std::vector<uint8_t> encode(const Request& request) {
-  std::vector<uint8_t> out(vrowire::kMaxMessage);
-  out.resize(vrowire::encodeRequest(out.data(), out.size(), request));
+  std::vector<uint8_t> out(vrocam::peer::kMaxMessage);
+  out.resize(vrocam::peer::encodeRequest(out.data(), out.size(), request));
   return out;
 }
 
@@ -71,42 +73,45 @@ bool same(const Request& a, const Request& b) {
 }
 
 bool checkRequest(const uint8_t* msg, size_t size, size_t fdCount, Request* request) {
-  const int rc = vrowire::decodeRequest(msg, size, fdCount, request);
+  const int rc = vrocam::peer::decodeRequest(msg, size, fdCount, request);
   FUZZ_CHECK(rc == 0 || rc == -EBADMSG || rc == -EPROTONOSUPPORT || rc == -EOPNOTSUPP ||
              rc == -EBADF);
   if (rc != 0) return false;
-  FUZZ_CHECK(request->records.size() <= vrowire::kMaxRecords);
-  FUZZ_CHECK(request->handles.size() <= vrowire::kMaxHandles);
+  FUZZ_CHECK(request->records.size() <= vrocam::peer::kMaxRecords);
+  FUZZ_CHECK(request->handles.size() <= vrocam::peer::kMaxHandles);
   FUZZ_CHECK(request->kind == Kind::Register ? request->records.size() == fdCount : fdCount == 0);
   for (const Record& record : request->records) {
-    FUZZ_CHECK(record.name.size() < vrowire::kNameSize);
-    for (const char c : vrowire::escaped(record.name)) FUZZ_CHECK(c >= 0x20 && c < 0x7F);
+    FUZZ_CHECK(record.name.size() < vrocam::peer::kNameSize);
+    for (const char c : vrocam::host::escaped(record.name)) {
+      FUZZ_CHECK(static_cast<unsigned char>(c) >= 0x20 && c != 0x7F);  // one line, whatever name
+    }
   }
   const std::vector<uint8_t> again = encode(*request);
   FUZZ_CHECK(again.size() == size);
   Request decoded;
-  FUZZ_CHECK(vrowire::decodeRequest(again.data(), again.size(), fdCount, &decoded) == 0);
+  FUZZ_CHECK(vrocam::peer::decodeRequest(again.data(), again.size(), fdCount, &decoded) == 0);
   FUZZ_CHECK(same(*request, decoded));
   return true;
 }
 
 void checkAnswer(const uint8_t* msg, size_t size) {
-  vrowire::Answer answer;
-  const int rc = vrowire::decodeAnswer(msg, size, &answer);
+  vrocam::peer::Answer answer;
+  const int rc = vrocam::peer::decodeAnswer(msg, size, &answer);
   FUZZ_CHECK(rc == 0 || rc == -EPROTO);
   if (rc != 0) return;
-  FUZZ_CHECK((answer.kind & vrowire::kAnswer) != 0 && answer.status <= 0 &&
-             answer.status >= vrowire::kLowestErrno);
+  FUZZ_CHECK((answer.kind & vrocam::peer::kAnswer) != 0 && answer.status <= 0 &&
+             answer.status >= vrocam::peer::kLowestErrno);
   std::vector<uint8_t> again(size);
-  FUZZ_CHECK(vrowire::encodeAnswer(again.data(), size, answer) == size);
+  FUZZ_CHECK(vrocam::peer::encodeAnswer(again.data(), size, answer) == size);
   FUZZ_CHECK(std::equal(again.begin(), again.end(), msg));
 }
 
 // A memfd of size bytes (at most 1 MiB), sealed against shrinking and growing unless told not.
 UniqueFd memfd(int64_t size, bool sealed) {
-  UniqueFd fd(memfd_create("vrocam-fuzz", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  FUZZ_CHECK(fd && ftruncate(fd.get(), size > 0 && size <= (1 << 20) ? size : 4096) == 0);
-  if (sealed) FUZZ_CHECK(fcntl(fd.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) == 0);
+  UniqueFd fd =
+      vrocam::host::sealedMemfd("vrocam-fuzz", size > 0 && size <= (1 << 20) ? size : 4096,
+                                sealed ? vrocam::host::kRegionSeals : 0);
+  FUZZ_CHECK(fd);
   return fd;
 }
 
@@ -160,9 +165,9 @@ void driveTable(const Request& request) {
       sent.push_back(fds.back().get());
       kept.emplace_back(fcntl(fds.back().get(), F_DUPFD_CLOEXEC, 0));
     }
-    vropeer::ClientTable table(kLimits);
+    vrocam::peer::ClientTable table(kLimits);
     const int rc = table.registerPart(request, fds, SIZE_MAX);
-    const bool staged = (request.flags & vrowire::kMore) != 0;
+    const bool staged = (request.flags & vrocam::peer::kMore) != 0;
     FUZZ_CHECK(table.memories().size() == (rc == 0 && !staged ? request.records.size() : 0));
     FUZZ_CHECK(table.staged() == (rc == 0 && staged ? request.records.size() : 0));
     for (const auto& entry : table.memories()) {
@@ -177,32 +182,18 @@ void driveTable(const Request& request) {
   }
 }
 
-size_t openDescriptors() {
-  size_t count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  while (dir != nullptr && readdir(dir) != nullptr) ++count;
-  if (dir != nullptr) closedir(dir);
-  return count;
-}
-
-size_t memfdMappings() {
-  std::ifstream maps("/proc/self/maps");
-  size_t count = 0;
-  for (std::string line; std::getline(maps, line);) count += line.find("/memfd:") != line.npos;
-  return count;
-}
-
 // Sends a message with fds to a fresh server and serves it until it answered (or ended the
 // connection): the answer must be well formed, and nothing may be left once the client is gone.
 void driveServer(const uint8_t* msg, size_t size, std::vector<UniqueFd> fds,
                  const Request* request) {
-  const size_t descriptors = openDescriptors() - fds.size();
-  const size_t mappings = memfdMappings();
+  using vrocam::host::ProcessSnapshot;
+  const size_t descriptors = ProcessSnapshot::of().descriptors.size() - fds.size();
+  const size_t mappings = ProcessSnapshot::of().memfdMappings().size();
   {
     int pair[2];
     FUZZ_CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == 0);
     UniqueFd client(pair[0]);
-    vropeer::PeerServer server(vropeer::ServerLimits{kLimits, 2, 16});
+    vrocam::peer::PeerServer server(vrocam::peer::ServerLimits{kLimits, 2, 16});
     server.adopt(UniqueFd(pair[1]), getpid(), getuid());
     // A long command needs a memory to work on: register one under its handle first.
     if (request != nullptr && (request->kind == Kind::Checksum || request->kind == Kind::Fill)) {
@@ -212,35 +203,36 @@ void driveServer(const uint8_t* msg, size_t size, std::vector<UniqueFd> fds,
       const std::vector<uint8_t> bytes = encode(registration);
       const UniqueFd memory = memfd(3 << 20, true);
       const int fd = memory.get();
-      FUZZ_CHECK(vrowire::sendPacket(client.get(), bytes.data(), bytes.size(), &fd, 1) == 0);
+      FUZZ_CHECK(vrocam::peer::sendPacket(client.get(), bytes.data(), bytes.size(), &fd, 1) == 0);
     }
     std::vector<int> raw;
     for (const UniqueFd& fd : fds) raw.push_back(fd.get());
-    const int sent = vrowire::sendPacket(client.get(), msg, size, raw.data(), raw.size());
+    const int sent = vrocam::peer::sendPacket(client.get(), msg, size, raw.data(), raw.size());
     fds.clear();  // in flight now, or refused
     if (sent == 0) {
-      uint8_t buffer[vrowire::kMaxMessage];
-      vrowire::Received received;
+      uint8_t buffer[vrocam::peer::kMaxMessage];
+      vrocam::peer::Received received;
       ssize_t got = -ETIMEDOUT;
       for (int round = 0; round < 64 && got == -ETIMEDOUT; ++round) {
         FUZZ_CHECK(server.round(-1, 0) >= 0);
-        got = vrowire::recvPacket(client.get(), buffer, sizeof(buffer), &received,
-                                  vrowire::Deadline::min());
+        got = vrocam::peer::recvPacket(client.get(), buffer, sizeof(buffer), &received,
+                                       vrocam::peer::Deadline::min());
         // The registration before a long command is answered first: take the next answer.
         if (got > 0 && request != nullptr && request->kind != Kind::Register &&
             buffer[2] == static_cast<uint8_t>(Kind::Register)) {
           got = -ETIMEDOUT;
         }
       }
-      vrowire::Answer answer;
+      vrocam::peer::Answer answer;
       FUZZ_CHECK(got > 0 && received.fds.empty());
-      FUZZ_CHECK(vrowire::decodeAnswer(buffer, static_cast<size_t>(got), &answer) == 0);
+      FUZZ_CHECK(vrocam::peer::decodeAnswer(buffer, static_cast<size_t>(got), &answer) == 0);
       if (request != nullptr) FUZZ_CHECK(answer.seq == request->seq);
     }
     FUZZ_CHECK(server.held() <= 16);
   }
-  FUZZ_CHECK(openDescriptors() == descriptors);
-  FUZZ_CHECK(memfdMappings() == mappings);
+  const ProcessSnapshot after = ProcessSnapshot::of();
+  FUZZ_CHECK(after.descriptors.size() == descriptors);
+  FUZZ_CHECK(after.memfdMappings().size() == mappings);
 }
 
 void writeSeeds(const std::string& dir) {
@@ -249,7 +241,7 @@ void writeSeeds(const std::string& dir) {
   registration.kind = Kind::Register;
   registration.records = {Record{1, 3, 4096, "seed"}, Record{2, 1u << 31, 100, "unsealed"}};
   Request most = registration;
-  most.records.assign(vrowire::kMaxRecords, Record{3, 0, 64, "most"});
+  most.records.assign(vrocam::peer::kMaxRecords, Record{3, 0, 64, "most"});
   Request deregistration;
   deregistration.kind = Kind::Deregister;
   deregistration.handles = {1, 2};
@@ -281,13 +273,13 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
       exit(0);
     }
   }
-  vropeer::setPeerLogFile(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  vrocam::peer::setPeerLogFile(open("/dev/null", O_WRONLY | O_CLOEXEC));
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
-  const size_t fdCount = data[0] % (vrowire::kMaxFds + 2);
+  const size_t fdCount = data[0] % (vrocam::peer::kMaxFds + 2);
   const uint8_t kinds = data[1];
   const uint8_t* msg = data + 2;
   const size_t length = size - 2;
@@ -296,12 +288,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (decoded && request.kind == Kind::Register) driveTable(request);
   checkAnswer(msg, length);
   std::vector<UniqueFd> fds;
-  for (size_t i = 0; i < fdCount && i < vrowire::kMaxFds; ++i) {
+  for (size_t i = 0; i < fdCount && i < vrocam::peer::kMaxFds; ++i) {
     fds.push_back(decoded && i < request.records.size() && kinds % 2 == 0
                       ? descriptorFor(request.records[i])
                       : descriptorOfKind(kinds + static_cast<unsigned>(i)));
   }
-  if (fdCount <= vrowire::kMaxFds)
+  if (fdCount <= vrocam::peer::kMaxFds)
     driveServer(msg, length, std::move(fds), decoded ? &request : nullptr);
   return 0;
 }

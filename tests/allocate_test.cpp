@@ -8,9 +8,11 @@
 #include <optional>
 #include <tuple>
 
+#include "FaultInjection.h"
 #include "ManagerFixture.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 using ::testing::ElementsAre;
@@ -197,4 +199,5 @@ TEST_F(AllocateTest, DetailLinesFollowDbgLog) {
 }
 
 }  // namespace
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

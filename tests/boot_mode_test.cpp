@@ -11,8 +11,8 @@
 #include <tuple>
 
 #include "FaultInjection.h"
-#include "LeakGuard.h"
 #include "LogCapture.h"
+#include "ProcessState.h"
 
 // One open and close per call: the leading number of 3 chars, or 0 and a warning if unreadable.
 TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
@@ -28,16 +28,16 @@ TEST(BootModeTest, ParsesLeadingDigitsAndWarnsWhenUnreadable) {
       {nullptr, 0, 2, "fail to open: " + path}};
   for (const auto& [content, mode, level, line] : cases) {
     SCOPED_TRACE(line);
-    vrotest::LeakGuard leaks;
+    vrocam::test::LeakGuard leaks;
     if (content != nullptr) std::ofstream(file) << content;
-    vrotest::LogCapture log;
-    std::optional<vrotest::DescriptorZeroFree> zero;
+    vrocam::test::LogCapture log;
+    std::optional<vrocam::test::DescriptorZeroFree> zero;
     if (mode == 4) zero.emplace();
-    vrotest::FaultScope scope;
+    vrocam::test::FaultScope scope;
     scope.redirectOpen(path, file);
     EXPECT_EQ(NSCam::Utils::getBootMode(), mode);
     unlink(file.c_str());
-    const auto opens = scope.calls(vrotest::Fn::Open);
+    const auto opens = scope.calls(vrocam::test::Fn::Open);
     ASSERT_EQ(opens.size(), 1u);
     if (zero) {
       EXPECT_EQ(opens[0].result, 0);

@@ -17,7 +17,7 @@ namespace {
 
 using NSCam::Utils::ULog::ULogger;
 using ::testing::ElementsAre;
-using vrotest::LogCapture;
+using vrocam::test::LogCapture;
 
 int gConds = 0, gArgs[4] = {};  // evaluations of the detail condition and of each site's arguments
 
@@ -121,36 +121,6 @@ TEST(GatedLogTest, LongLines) {
   eachKind();  // the unified logger alone does not mind
   ULogger::sMode = 1;
   EXPECT_DEATH(eachKind(), "");
-}
-
-}  // namespace
-
-namespace {
-
-// What the host's stderr logger writes for message, without its time stamp and head.
-std::string hostLine(const char* message) {
-  vrotest::StderrCapture capture;
-  ULogger().onLogMessage(0, "Tag", 2, message, 0);
-  const std::string line = capture.text();
-  const std::string head = vrotest::logHead('W', "Tag");
-  return line.compare(0, head.size(), head) == 0 ? line.substr(head.size()) : "bad head: " + line;
-}
-
-// Host log lines end at their trailing breaks, escape other controls, and are cut between escapes.
-TEST(HostLogLineTest, ControlCharactersShowAsEscapes) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"[init] m_DbgLog:0\n", "[init] m_DbgLog:0\n"},
-      {"plain", "plain\n"},
-      {"name:\x1b[2Jx\tend\r\n\n", "name:\\x1b[2Jx\\tend\n"},
-      {"a\nE/Forged(1): b\n", "a\\nE/Forged(1): b\n"},
-      {"\x01\x7f\\ \xc3\xa9", "\\x01\\x7f\\ \xc3\xa9\n"},
-      {"", "\n"},
-  };
-  for (const auto& [message, expected] : cases) EXPECT_EQ(hostLine(message.c_str()), expected);
-  const std::string longLine = hostLine(std::string(1500, '\x01').c_str());
-  EXPECT_EQ(longLine.size() % 4, 1u);
-  EXPECT_LT(longLine.size(), 1200u);
-  EXPECT_EQ(longLine.back(), '\n');
 }
 
 }  // namespace

@@ -6,13 +6,11 @@
 #include <thread>
 
 #include "ManagerFixture.h"
-#include "Properties.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
-using NSCam::Utils::Properties::host_property_set;
-using NSCam::Utils::Properties::property_get_int32;
 using Key = IPCClientShmMgr::ShmMemMapKey;
 using Texts = std::vector<std::string>;
 constexpr char kDbgLog[] = "vendor.debug.ipc.log";
@@ -76,10 +74,10 @@ TEST_F(ManagerTest, InitRereadsVerbosityAndAsksFactoryOnce) {
   gFactoryCalls = 0;
   const int handle = Inspector::nextHandle(*mgr);
   for (const char* value : {"2", "-1"}) {
-    host_property_set(kDbgLog, value);
+    NSCam::Utils::Properties::host_property_set(kDbgLog, value);
     EXPECT_EQ(mgr->init(), 0);
     EXPECT_EQ(Inspector::dbgLog(*mgr), atoi(value));
-    host_property_set(kDbgLog, "3");
+    NSCam::Utils::Properties::host_property_set(kDbgLog, "3");
     EXPECT_EQ(IPCClientShmMgr::getInstance(), mgr);
     EXPECT_EQ(Inspector::dbgLog(*mgr), 3);
   }
@@ -89,23 +87,6 @@ TEST_F(ManagerTest, InitRereadsVerbosityAndAsksFactoryOnce) {
   EXPECT_TRUE(Inspector::registry(*mgr).empty());
 }
 
-// Only in-range whole numbers are read; the environment applies when no in-process value is set.
-TEST(HostPropertiesTest, ValuesAndEnvironment) {
-  constexpr char kKey[] = "vendor.debug.test.value";
-  const std::pair<const char*, int32_t> cases[] = {
-      {"7", 7}, {"-2147483648", INT32_MIN}, {"", 42}, {"12abc", 42}, {"2147483648", 42}};
-  for (const auto& [text, value] : cases) {
-    host_property_set(kKey, text);
-    EXPECT_EQ(property_get_int32(kKey, 42), value) << '"' << text << '"';
-  }
-  ASSERT_EQ(setenv(kKey, "5", 1), 0);
-  host_property_set(kKey, "9");
-  EXPECT_EQ(property_get_int32(kKey, 42), 9);
-  host_property_set(kKey, nullptr);
-  EXPECT_EQ(property_get_int32(kKey, 42), 5);
-  unsetenv(kKey);
-  EXPECT_EQ(property_get_int32(kKey, 42), 42);
-}
-
 }  // namespace
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

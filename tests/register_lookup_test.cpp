@@ -4,7 +4,8 @@
 
 #include "ManagerFixture.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 using ::testing::_;
@@ -138,4 +139,5 @@ TEST_F(RegisterLookupTest, UserFormsUseUserIdZero) {
 }
 
 }  // namespace
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -6,9 +6,11 @@
 #include <functional>
 #include <utility>
 
+#include "FaultInjection.h"
 #include "ManagerFixture.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 using ::testing::_;
@@ -258,4 +260,5 @@ TEST_F(ReleaseTest, DetailLinesFollowDbgLog) {
 }
 
 }  // namespace
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -12,12 +12,14 @@
 #include "HostProperties.h"
 #include "IPCClient.h"
 #include "IPCClientShmMgr.h"
-#include "LeakGuard.h"
 #include "LogCapture.h"
 #include "ManagerInspector.h"
 #include "PeerCommands.h"
+#include "ProcessSnapshot.h"
+#include "ProcessState.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 using namespace NSCam::ipc::wrapper;
@@ -123,7 +125,7 @@ class DescriptorSqueeze {
   explicit DescriptorSqueeze(int spare) {
     getrlimit(RLIMIT_NOFILE, &mSaved);
     rlimit lowered = mSaved;
-    lowered.rlim_cur = LeakGuard::openDescriptors().rbegin()->first + 32;
+    lowered.rlim_cur = host::ProcessSnapshot::of().descriptors.rbegin()->first + 32;
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
     for (int fd; (fd = dup(STDERR_FILENO)) >= 0;) mHeld.push_back(fd);
     for (int i = 0; i < spare; ++i, mHeld.pop_back()) close(mHeld.back());
@@ -162,4 +164,5 @@ TEST(ManagerExhaustionTest, AllocationFailsCleanlyAndRecovers) {
 }
 
 }  // namespace
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

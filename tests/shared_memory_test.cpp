@@ -11,11 +11,11 @@
 #include <tuple>
 
 #include "FaultInjection.h"
-#include "LeakGuard.h"
 #include "LogCapture.h"
+#include "ProcessState.h"
 
 using NSCam::utils::sys::SharedMemory;
-using vrotest::Fn;
+using vrocam::test::Fn;
 
 // Each failing step returns -1, closes only the new descriptor, and logs on both sinks.
 TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
@@ -30,9 +30,9 @@ TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
       {Fn::AshmemValid, 0, 0, true, invalid, invalid}};
   for (const auto& [fn, result, err, closeFails, format, text] : cases) {
     SCOPED_TRACE(text + (closeFails ? ", close fails" : ""));
-    vrotest::LeakGuard leaks;
-    vrotest::LogCapture log;
-    vrotest::FaultScope scope;
+    vrocam::test::LeakGuard leaks;
+    vrocam::test::LogCapture log;
+    vrocam::test::FaultScope scope;
     scope.fail(fn, 1, result, err);
     if (closeFails) scope.fail(Fn::Close, 1, -1, EIO);
     const auto failed = SharedMemory::allocate("vrocam-fail", 4096);
@@ -72,10 +72,10 @@ TEST(SharedMemoryTest, FailuresCloseOnlyTheNewDescriptorAndLogEachStep) {
 TEST(SharedMemoryTest, SuccessOwnsTheCreatedRegionWhichIsShared) {
   const std::pair<std::string, size_t> cases[] = {{"vrocam-buf", 4096}, {"", 1}, {"odd", 12345}};
   for (const auto& [name, size] : cases) {
-    vrotest::LeakGuard leaks;
+    vrocam::test::LeakGuard leaks;
     {
-      vrotest::LogCapture log;
-      vrotest::FaultScope scope;
+      vrocam::test::LogCapture log;
+      vrocam::test::FaultScope scope;
       const auto fd = SharedMemory::allocate(name, size);
       const auto made = scope.calls(Fn::AshmemCreate).at(0);
       EXPECT_TRUE(made.name == name && made.args[0] == long(size) && made.result == fd.get())

@@ -10,7 +10,8 @@
 #include <cstring>
 #include <string>
 
-namespace vrotools {
+namespace vrocam {
+namespace tools {
 
 void CommandLine::fail(const char* what) const {
   fprintf(stderr, "%s: %s (see --help)\n", mProgram, what);
@@ -73,4 +74,5 @@ void CommandLine::version() const {
   exit(0);
 }
 
-}  // namespace vrotools
+}  // namespace tools
+}  // namespace vrocam

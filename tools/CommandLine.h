@@ -5,7 +5,8 @@
 
 #include <chrono>
 
-namespace vrotools {
+namespace vrocam {
+namespace tools {
 
 class CommandLine {
  public:
@@ -31,4 +32,5 @@ class CommandLine {
   const char* mProgram;
 };
 
-}  // namespace vrotools
+}  // namespace tools
+}  // namespace vrocam

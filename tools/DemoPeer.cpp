@@ -16,40 +16,33 @@
 #include "PeerCommands.h"
 #include "PeerWire.h"
 
-namespace vrodemo {
+namespace vrocam {
+namespace tools {
 
 using namespace NSCam::ipc::wrapper;
 
-DemoPeer::~DemoPeer() {
-  stop();
-  if (mDir.empty()) return;
-  unlink((mDir + "/peer.sock").c_str());
-  rmdir(mDir.c_str());
-}
+DemoPeer::DemoPeer() : mDir("/tmp/vrocam-demo-", true) {}
+
+DemoPeer::~DemoPeer() { stop(); }
 
 bool DemoPeer::start(const std::string& binary) {
-  // A fresh name for the socket's directory, which the peer makes (0700) and removes again when
-  // it stops, also when this program is killed.
-  char dir[] = "/tmp/vrocam-demo-XXXXXX";
-  if (mkdtemp(dir) == nullptr || rmdir(dir) != 0) {
+  if (mDir.path().empty()) {
     fprintf(stderr, "vrocam_shm_demo: cannot make a private directory: %s\n",
-            vrocam_host::errnoText(errno).c_str());
+            host::errnoText(errno).c_str());
     return false;
   }
-  mDir = dir;
-  const std::string socket = mDir + "/peer.sock";
-  vropeer::PeerLaunch launch;
+  peer::PeerLaunch launch;
   launch.command = {binary};
-  launch.socket = socket;
+  launch.socket = mDir.socket();
   const int err = mProcess.start(launch);
   if (err != 0) {
     fprintf(stderr, "vrocam_shm_demo: cannot start the peer %s: %s\n", binary.c_str(),
-            vrocam_host::errnoText(err).c_str());
+            host::errnoText(err).c_str());
     return false;
   }
-  setenv("VROCAM_IPC_SOCKET", socket.c_str(), 1);
+  setenv("VROCAM_IPC_SOCKET", launch.socket.c_str(), 1);
   printf("== IPC client: the peer daemon pid %d that this demo started, serving %s\n",
-         static_cast<int>(mProcess.pid()), socket.c_str());
+         static_cast<int>(mProcess.pid()), launch.socket.c_str());
   return true;
 }
 
@@ -77,9 +70,10 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
   snprintf(wrote, sizeof(wrote), "0x%02x: %s", theirs,
            arrived ? "read back through our mapping" : "NOT seen here");
   printf("  handle %3d %-16s peer checksum %s; peer wrote %s\n", info.handle, info.name.c_str(),
-         asked == 0 ? seen : ("failed, " + vrocam_host::errnoText(asked)).c_str(),
-         filled == 0 ? wrote : ("nothing, " + vrocam_host::errnoText(filled)).c_str());
+         asked == 0 ? seen : ("failed, " + host::errnoText(asked)).c_str(),
+         filled == 0 ? wrote : ("nothing, " + host::errnoText(filled)).c_str());
   return sees && arrived;
 }
 
-}  // namespace vrodemo
+}  // namespace tools
+}  // namespace vrocam

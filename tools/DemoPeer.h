@@ -6,26 +6,29 @@
 
 #include "IPCClient.h"
 #include "PeerProcess.h"
+#include "PrivateDirectory.h"
 
-namespace vrodemo {
+namespace vrocam {
+namespace tools {
 
 class DemoPeer {
  public:
-  DemoPeer() = default;
-  // Stops a peer still running and removes the private directory.
+  DemoPeer();
+  // Stops a peer still running; the peer removes the private directory it made.
   ~DemoPeer();
   DemoPeer(const DemoPeer&) = delete;
   DemoPeer& operator=(const DemoPeer&) = delete;
 
-  // Starts binary on a socket in a new private directory and points this process's IPC client
-  // at it (VROCAM_IPC_SOCKET). Call it before the manager's first getInstance().
+  // Starts binary on a socket in a new private directory, which the peer makes and removes (also
+  // when this program is killed), and points this process's IPC client at it
+  // (VROCAM_IPC_SOCKET). Call it before the manager's first getInstance().
   bool start(const std::string& binary);
   // Stops the peer with SIGTERM: its exit code, or -1 when it did not exit by itself.
   int stop();
 
  private:
-  vropeer::PeerProcess mProcess;
-  std::string mDir;
+  peer::PrivateDirectory mDir;  // before the process: the process stops first
+  peer::PeerProcess mProcess;
 };
 
 // Asks the peer for the checksum of info's memory, which must hold `written` in every byte, then
@@ -34,4 +37,5 @@ class DemoPeer {
 bool showPeerView(NSCam::ipc::wrapper::IPCClient& client,
                   const NSCam::ipc::wrapper::ShmMemInfo& info, unsigned char written);
 
-}  // namespace vrodemo
+}  // namespace tools
+}  // namespace vrocam

@@ -6,7 +6,8 @@
 
 #include "PeerCommands.h"
 
-namespace vrodemo {
+namespace vrocam {
+namespace tools {
 
 void DemoTable::track(IPCClientShmMgr::Identifier id, unsigned int type) {
   for (const DemoKey& key : mKeys) {
@@ -45,4 +46,5 @@ long DemoTable::peerHoldings() const {
   return err == 0 ? static_cast<long>(holdings.memories) : -1;
 }
 
-}  // namespace vrodemo
+}  // namespace tools
+}  // namespace vrocam

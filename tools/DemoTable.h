@@ -8,7 +8,8 @@
 #include "IPCClient.h"
 #include "IPCClientShmMgr.h"
 
-namespace vrodemo {
+namespace vrocam {
+namespace tools {
 
 using NSCam::ipc::wrapper::IPCClient;
 using NSCam::ipc::wrapper::IPCClientShmMgr;
@@ -37,4 +38,5 @@ class DemoTable {
   std::vector<DemoKey> mKeys;
 };
 
-}  // namespace vrodemo
+}  // namespace tools
+}  // namespace vrocam

@@ -25,7 +25,7 @@ struct Options {
   std::string socket;
   bool status = false;
   bool json = false;
-  vropeer::ServerLimits limits;
+  vrocam::peer::ServerLimits limits;
 };
 
 void usage() {
@@ -50,7 +50,7 @@ void usage() {
 }
 
 Options parse(int argc, char** argv) {
-  const vrotools::CommandLine line(kProgram);
+  const vrocam::tools::CommandLine line(kProgram);
   const option longOptions[] = {
       {"socket", required_argument, nullptr, 's'},
       {"status", no_argument, nullptr, 'S'},
@@ -66,7 +66,7 @@ Options parse(int argc, char** argv) {
       {nullptr, 0, nullptr, 0},
   };
   Options options;
-  vropeer::ServerLimits& limits = options.limits;
+  vrocam::peer::ServerLimits& limits = options.limits;
   const std::chrono::milliseconds longest = std::chrono::hours(24);
   opterr = 0;
   for (int c; (c = getopt_long(argc, argv, ":h", longOptions, nullptr)) != -1;) {
@@ -129,7 +129,7 @@ int serve(const Options& options) {
   sigemptyset(&stopSignals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stopSignals, signal);
   sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-  vrowire::UniqueFd stop(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+  vrocam::host::UniqueFd stop(signalfd(-1, &stopSignals, SFD_CLOEXEC));
   // Each memory a client holds costs a descriptor: allow as many as the hard limit does.
   rlimit files{};
   if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
@@ -137,12 +137,12 @@ int serve(const Options& options) {
     setrlimit(RLIMIT_NOFILE, &files);
   }
 
-  vropeer::PeerServer server(options.limits);
+  vrocam::peer::PeerServer server(options.limits);
   int err = stop ? server.listen(options.socket) : -errno;
   if (err == 0) err = server.run(stop.get());
   if (err != 0) {
     fprintf(stderr, "%s: cannot serve %s: %s\n", kProgram, options.socket.c_str(),
-            vrocam_host::errnoText(err).c_str());
+            vrocam::host::errnoText(err).c_str());
     return 1;
   }
   return 0;
@@ -152,5 +152,6 @@ int serve(const Options& options) {
 
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
-  return options.status ? vrotools::printPeerStatus(options.socket, options.json) : serve(options);
+  return options.status ? vrocam::tools::printPeerStatus(options.socket, options.json)
+                        : serve(options);
 }

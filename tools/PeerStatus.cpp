@@ -11,22 +11,23 @@
 #include "Packet.h"
 #include "PeerWire.h"
 
-namespace vrotools {
+namespace vrocam {
+namespace tools {
 namespace {
 
 // Fetches the whole status text into *text: 0, or a negative errno.
 int fetch(const std::string& socket, std::string* text) {
-  vrowire::UniqueFd sock;
-  int err = vrowire::connectTo(socket, 2000, &sock);
-  vrowire::Request request;
-  request.kind = vrowire::Kind::Status;
-  uint8_t buffer[vrowire::kMaxMessage];
+  host::UniqueFd sock;
+  int err = peer::connectTo(socket, 2000, &sock);
+  peer::Request request;
+  request.kind = peer::Kind::Status;
+  uint8_t buffer[peer::kMaxMessage];
   while (err == 0) {
     ++request.seq;
-    vrowire::Answer answer;
+    peer::Answer answer;
     int closing = 0;
-    const size_t size = vrowire::encodeRequest(buffer, sizeof(buffer), request);
-    err = vrowire::roundTrip(sock.get(), buffer, sizeof(buffer), size, 2000, &answer, &closing);
+    const size_t size = peer::encodeRequest(buffer, sizeof(buffer), request);
+    err = peer::roundTrip(sock.get(), buffer, sizeof(buffer), size, 2000, &answer, &closing);
     if (closing != 0) err = closing;
     if (err == 0) err = answer.status;
     if (err == 0 && answer.more && answer.text.empty()) err = -EPROTO;  // no progress
@@ -109,11 +110,12 @@ int printPeerStatus(const std::string& socket, bool json) {
   }
   if (err != 0) {
     fprintf(stderr, "vrocam_ipc_peer: no status from %s: %s\n", socket.c_str(),
-            vrocam_host::errnoText(err).c_str());
+            host::errnoText(err).c_str());
     return 1;
   }
   fputs(json ? toJson(text).c_str() : text.c_str(), stdout);
   return 0;
 }
 
-}  // namespace vrotools
+}  // namespace tools
+}  // namespace vrocam

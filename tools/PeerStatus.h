@@ -5,7 +5,8 @@
 
 #include <string>
 
-namespace vrotools {
+namespace vrocam {
+namespace tools {
 
 // The longest status text taken from a peer.
 constexpr size_t kMaxStatusText = 64 << 20;
@@ -14,4 +15,5 @@ constexpr size_t kMaxStatusText = 64 << 20;
 // stderr saying why there is none.
 int printPeerStatus(const std::string& socket, bool json);
 
-}  // namespace vrotools
+}  // namespace tools
+}  // namespace vrocam

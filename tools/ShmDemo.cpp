@@ -18,10 +18,12 @@
 #include "DemoPeer.h"
 #include "DemoTable.h"
 #include "ErrnoText.h"
-#include "ProcessResources.h"
+#include "ProcessSnapshot.h"
+#include "SealedMemfd.h"
 #include "ULogger.h"
 
-namespace vrodemo {
+namespace vrocam {
+namespace tools {
 namespace {
 
 using NSCam::ipc::wrapper::IPC_USER;
@@ -31,7 +33,7 @@ using Id = IPCClientShmMgr::Identifier;
 // A result as the manager gives it: -1 is its own failure, another negative value the IPC
 // client's errno.
 std::string resultText(int result) {
-  return result == -1 ? "-1 (failed)" : result == 0 ? "0" : vrocam_host::errnoText(result);
+  return result == -1 ? "-1 (failed)" : result == 0 ? "0" : host::errnoText(result);
 }
 
 struct Options {
@@ -54,7 +56,7 @@ void usage(const char* program) {
 }
 
 Options parse(int argc, char** argv) {
-  const vrotools::CommandLine line("vrocam_shm_demo");
+  const tools::CommandLine line("vrocam_shm_demo");
   const option longOptions[] = {
       {"regions", required_argument, nullptr, 'r'}, {"size", required_argument, nullptr, 's'},
       {"peer", required_argument, nullptr, 'p'},    {"help", no_argument, nullptr, 'h'},
@@ -145,12 +147,10 @@ void Demo::registerOwnMemory() {
     ShmMemInfo info;
     info.name = name;
     info.size = mOptions.size;
-    info.fd = memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (info.fd < 0 || ftruncate(info.fd, mOptions.size) != 0 ||
-        fcntl(info.fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) != 0) {
-      return info;
+    info.fd = host::sealedMemfd(name.c_str(), mOptions.size).release();  // the manager's to free
+    if (info.fd >= 0) {
+      info.addr = mmap(nullptr, mOptions.size, PROT_READ | PROT_WRITE, MAP_SHARED, info.fd, 0);
     }
-    info.addr = mmap(nullptr, mOptions.size, PROT_READ | PROT_WRITE, MAP_SHARED, info.fd, 0);
     return info;
   };
   ShmMemInfo single = makeOwn("face-own-single");
@@ -261,17 +261,18 @@ bool Demo::run() {
 }
 
 }  // namespace
-}  // namespace vrodemo
+}  // namespace tools
+}  // namespace vrocam
 
 int main(int argc, char** argv) {
-  const vrodemo::Options options = vrodemo::parse(argc, argv);
+  const vrocam::tools::Options options = vrocam::tools::parse(argc, argv);
   // Setting the property asks for the manager's detail lines: open the details level for them.
   if (getenv("vendor.debug.ipc.log") != nullptr && getenv("VROCAM_LOG_LEVEL") == nullptr) {
     NSCam::Utils::ULog::ULogger::sDetailsLevel = 5;
   }
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);  // keep table rows between log lines
 
-  vrodemo::DemoPeer peer;
+  vrocam::tools::DemoPeer peer;
   if (!options.peer.empty() && !peer.start(options.peer)) return 1;
   const char* socket = getenv("VROCAM_IPC_SOCKET");
   const bool withPeer = socket != nullptr && *socket != '\0';
@@ -280,7 +281,7 @@ int main(int argc, char** argv) {
            withPeer ? ("the peer at " + std::string(socket) + " (VROCAM_IPC_SOCKET)").c_str()
                     : "the in-process loopback (no peer process; VROCAM_IPC_SOCKET is unset)");
   }
-  vrodemo::IPCClientShmMgr* mgr = vrodemo::IPCClientShmMgr::getInstance();
+  vrocam::tools::IPCClientShmMgr* mgr = vrocam::tools::IPCClientShmMgr::getInstance();
   NSCam::ipc::wrapper::IPCClient* client =
       NSCam::ipc::wrapper::IPCClientFactory::getInstance(NSCam::ipc::wrapper::IPC_PLATFORM_DEFAULT);
   if (client == nullptr) {
@@ -288,17 +289,19 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  const vrodemo::ProcessResources before = vrodemo::ProcessResources::now();
-  vrodemo::Demo demo(options, *mgr, *client, withPeer);
+  using vrocam::host::ProcessSnapshot;
+  const ProcessSnapshot before = ProcessSnapshot::of();
+  vrocam::tools::Demo demo(options, *mgr, *client, withPeer);
   const bool ok = demo.run();
-  const vrodemo::ProcessResources after = vrodemo::ProcessResources::now();
+  const ProcessSnapshot after = ProcessSnapshot::of();
 
-  const int fdLeaks = after.descriptors - before.descriptors;
-  const int mapLeaks = after.sharedMappings - before.sharedMappings;
+  const auto fdLeaks = static_cast<int>(after.descriptors.size() - before.descriptors.size());
+  const auto mapLeaks =
+      static_cast<int>(after.memfdMappings().size() - before.memfdMappings().size());
   printf("\n== summary: %s; leaked descriptors: %d, leaked mappings: %d",
          ok ? "every step succeeded" : "a step FAILED", fdLeaks, mapLeaks);
   // After the release of everything the peer holds nothing of this process.
-  const long held = vrodemo::DemoTable(*client).peerHoldings();
+  const long held = vrocam::tools::DemoTable(*client).peerHoldings();
   bool peerOk = held == 0;
   if (!options.peer.empty()) {
     const int exitCode = peer.stop();

@@ -10,9 +10,11 @@
 
 #include <climits>
 
+#include "SealedMemfd.h"
+
 namespace {
 
-constexpr int kRegionSeals = F_SEAL_GROW | F_SEAL_SHRINK;
+using vrocam::host::kRegionSeals;
 #ifdef F_SEAL_FUTURE_WRITE
 constexpr int kReadOnlySeal = F_SEAL_FUTURE_WRITE;
 #else
@@ -29,16 +31,7 @@ bool isRegion(int seals) {
 }  // namespace
 
 extern "C" int ashmem_create_region(const char* name, size_t size) {
-  const int fd = memfd_create(name != nullptr ? name : "none", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  if (fd < 0) return -1;
-  const off_t length = static_cast<off_t>(size);
-  if (length < 0 || ftruncate(fd, length) != 0 || fcntl(fd, F_ADD_SEALS, kRegionSeals) != 0) {
-    const int err = length < 0 ? EINVAL : errno;
-    ::close(fd);
-    errno = err;
-    return -1;
-  }
-  return fd;
+  return vrocam::host::sealedMemfd(name != nullptr ? name : "none", size, kRegionSeals).release();
 }
 
 extern "C" int ashmem_set_prot_region(int fd, int prot) {

@@ -6,15 +6,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "HostDebugPrint.h"
 #include "EnvSwitch.h"
+#include "HostDebugPrint.h"
 #include "HostLogLine.h"
 
 namespace {
 
 // Bit n of VROCAM_LOG_DBG_LEVELS enables level n (default: all).
 uint8_t levelFlags(cam_debug_level_t level) {
-  const uint32_t enabled = vrocam_host::envSwitch("VROCAM_LOG_DBG_LEVELS", 0x7);
+  const uint32_t enabled = vrocam::host::envSwitch("VROCAM_LOG_DBG_LEVELS", 0x7);
   return (enabled & (1u << level)) != 0 ? kLogLevelEnabled : 0;
 }
 
@@ -47,7 +47,7 @@ void log_dbg_print(const char* tag, cam_debug_level_t level, const char* format,
     (void)vsnprintf(text, sizeof(text), format, args);  // a cut line is still printed
     static const char kLetters[] = {'D', 'E', 'W'};
     const char letter = level >= 0 && level < CAM_DBG_LEVEL_NUM ? kLetters[level] : 'I';
-    vrocam_host::writeLogLine(letter, tag, text);
+    vrocam::host::writeLogLine(letter, tag, text);
   }
   va_end(args);
 }

@@ -29,9 +29,9 @@ ULogger gStderrLogger;
 }  // namespace
 
 // Defaults: warnings and errors shown, details off, only this sink on (one line per message).
-uint32_t ULogger::sDetailsLevel = vrocam_host::envSwitch("VROCAM_LOG_LEVEL", 2);
-uint32_t ULogger::sNormalDetailsMask = vrocam_host::envSwitch("VROCAM_LOG_MASK", 0xFFFFFFFFu);
-uint32_t ULogger::sMode = vrocam_host::envSwitch("VROCAM_LOG_MODE", 0x2);
+uint32_t ULogger::sDetailsLevel = vrocam::host::envSwitch("VROCAM_LOG_LEVEL", 2);
+uint32_t ULogger::sNormalDetailsMask = vrocam::host::envSwitch("VROCAM_LOG_MASK", 0xFFFFFFFFu);
+uint32_t ULogger::sMode = vrocam::host::envSwitch("VROCAM_LOG_MODE", 0x2);
 ULogger* ULogger::sULogger = &gStderrLogger;
 
 ULogger::~ULogger() = default;
@@ -41,12 +41,13 @@ ULogger::~ULogger() = default;
 // hit its cache. Make that first call as the logger is installed, not at the first line logged,
 // which may come when the process has run out of descriptors (the check would then call the
 // object invalid). A logger installed later should do the same. A null message prints nothing.
-[[maybe_unused]] static const bool gTypeChecked = (ULogger::sULogger->onLogMessage(0, "", 0, nullptr, 0), true);
+[[maybe_unused]] static const bool gTypeChecked =
+    (ULogger::sULogger->onLogMessage(0, "", 0, nullptr, 0), true);
 
 void ULogger::onLogMessage(uint32_t /*moduleId*/, const char* tag, int level, const char* message,
                            int /*length*/) {
   if (message == nullptr) return;
-  vrocam_host::writeLogLine(levelLetter(level), tag, message);
+  vrocam::host::writeLogLine(levelLetter(level), tag, message);
 }
 
 }  // namespace ULog

@@ -19,14 +19,20 @@
 #include "Packet.h"
 #include "PeerCommands.h"
 #include "PeerWire.h"
+#include "ThreadSafety.h"
 #include "UniqueFd.h"
 
 namespace NSCam {
 namespace ipc {
 namespace wrapper {
 
-using vrowire::Deadline;
-using vrowire::Kind;
+namespace host = vrocam::host;
+namespace peer = vrocam::peer;
+using host::Mutex;
+using host::MutexLock;
+using host::UniqueFd;
+using peer::Deadline;
+using peer::Kind;
 
 namespace {
 
@@ -40,39 +46,40 @@ constexpr size_t kMaxCancels = 64;
 
 }  // namespace
 
-// The connection to the peer and its state. Every member is used with mLock held, over a whole
-// call of the client.
+// The connection to the peer and its state, all of it under mLock, which each call of the client
+// holds throughout (every part of a batch included), so that calls from several threads never
+// interleave on the socket.
 struct SocketClient::Link {
   Link(std::string path, int timeoutMs)
       : mPath(std::move(path)),
         mTimeoutMs(timeoutMs),
-        mOut(new uint8_t[vrowire::kMaxMessage]),
-        mIn(new uint8_t[vrowire::kMaxMessage]) {}
+        mOut(new uint8_t[peer::kMaxMessage]),
+        mIn(new uint8_t[peer::kMaxMessage]) {}
 
-  int registerLocked(const ShmMemInfo* infos, size_t count);
+  int registerLocked(const ShmMemInfo* infos, size_t count) REQUIRES(mLock);
   // Starts mRequest as a request of kind with the next sequence number.
-  vrowire::Request& begin(vrowire::Kind kind);
+  peer::Request& begin(peer::Kind kind) REQUIRES(mLock);
   // Sends mRequest with fds and waits for its answer, all before deadline. retry: the request is
   // the first of its call, so a connection found dead may be replaced and the request resent.
-  int exchange(const int* fds, size_t fdCount, bool retry, vrowire::Deadline deadline,
-               vrowire::Answer* answer);
-  int connectLocked(vrowire::Deadline deadline);
+  int exchange(const int* fds, size_t fdCount, bool retry, peer::Deadline deadline,
+               peer::Answer* answer) REQUIRES(mLock);
+  int connectLocked(peer::Deadline deadline) REQUIRES(mLock);
   // Sends the undoing of registrations that timed out, before anything else.
-  int sendCancels(vrowire::Deadline deadline);
+  int sendCancels(peer::Deadline deadline) REQUIRES(mLock);
   // Ends the connection, logging why once.
-  void lose(int err, int closing);
-  void report(const std::string& text);
+  void lose(int err, int closing) REQUIRES(mLock);
+  void report(const std::string& text) REQUIRES(mLock);
 
   const std::string mPath;
   const int mTimeoutMs;
-  std::mutex mLock;
-  vrowire::UniqueFd mSock;
-  uint32_t mSeq = 0;
-  vrowire::Request mRequest;
-  std::vector<uint32_t> mCancels;  // first seqs of registrations to undo, not sent yet
-  bool mReported = false;          // a failure was logged since the last answer
-  std::unique_ptr<uint8_t[]> mOut;
-  std::unique_ptr<uint8_t[]> mIn;
+  Mutex mLock;
+  UniqueFd mSock GUARDED_BY(mLock);
+  uint32_t mSeq GUARDED_BY(mLock) = 0;
+  peer::Request mRequest GUARDED_BY(mLock);
+  std::vector<uint32_t> mCancels GUARDED_BY(mLock);  // first seqs of registrations to undo
+  bool mReported GUARDED_BY(mLock) = false;          // a failure was logged since the last answer
+  const std::unique_ptr<uint8_t[]> mOut GUARDED_BY(mLock);
+  const std::unique_ptr<uint8_t[]> mIn GUARDED_BY(mLock);
 };
 
 SocketClient::SocketClient(std::string path, int timeoutMs)
@@ -85,13 +92,13 @@ SocketClient* SocketClient::shared() {
     const char* path = getenv("VROCAM_IPC_SOCKET");
     if (path == nullptr || *path == '\0') return nullptr;
     const uint32_t timeout =
-        vrocam_host::envSwitch("VROCAM_IPC_TIMEOUT_MS", kDefaultTimeoutMs, 1, INT_MAX);
+        host::envSwitch("VROCAM_IPC_TIMEOUT_MS", kDefaultTimeoutMs, 1, INT_MAX);
     return new SocketClient(path, static_cast<int>(timeout));  // outlives every static user
   }();
   return client;
 }
 
-vrowire::Request& SocketClient::Link::begin(Kind kind) {
+peer::Request& SocketClient::Link::begin(Kind kind) {
   mRequest.kind = kind;
   mRequest.seq = ++mSeq;
   mRequest.flags = 0;
@@ -103,14 +110,13 @@ vrowire::Request& SocketClient::Link::begin(Kind kind) {
 void SocketClient::Link::report(const std::string& text) {
   if (mReported) return;
   mReported = true;
-  vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
+  host::writeLogLine('W', "VroIPCClient", text.c_str());
 }
 
 int SocketClient::Link::connectLocked(Deadline deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - vrowire::Clock::now());
-  vrowire::UniqueFd sock;
-  int err =
-      vrowire::connectTo(mPath, static_cast<int>(std::max<long long>(left.count(), 1)), &sock);
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - peer::Clock::now());
+  UniqueFd sock;
+  int err = peer::connectTo(mPath, static_cast<int>(std::max<long long>(left.count(), 1)), &sock);
   ucred cred{};
   socklen_t length = sizeof(cred);
   if (err == 0 && getsockopt(sock.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) {
@@ -122,7 +128,7 @@ int SocketClient::Link::connectLocked(Deadline deadline) {
     return -EACCES;
   }
   if (err != 0) {
-    report("cannot reach the peer at " + mPath + ": " + vrocam_host::errnoText(err));
+    report("cannot reach the peer at " + mPath + ": " + host::errnoText(err));
     return err;
   }
   mSock = std::move(sock);
@@ -134,19 +140,19 @@ void SocketClient::Link::lose(int err, int closing) {
   mSock.reset();
   mCancels.clear();
   report(closing != 0
-             ? "the peer at " + mPath + " ended the connection: " + vrocam_host::errnoText(closing)
-             : "lost the peer at " + mPath + ": " + vrocam_host::errnoText(err));
+             ? "the peer at " + mPath + " ended the connection: " + host::errnoText(closing)
+             : "lost the peer at " + mPath + ": " + host::errnoText(err));
 }
 
 int SocketClient::Link::sendCancels(Deadline deadline) {
   while (!mCancels.empty()) {
-    vrowire::Request cancel;
+    peer::Request cancel;
     cancel.kind = Kind::Cancel;
     cancel.seq = ++mSeq;
     cancel.batch = mCancels.front();
-    uint8_t message[vrowire::kHeaderSize + 4];
-    const size_t size = vrowire::encodeRequest(message, sizeof(message), cancel);
-    const int err = vrowire::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
+    uint8_t message[peer::kHeaderSize + 4];
+    const size_t size = peer::encodeRequest(message, sizeof(message), cancel);
+    const int err = peer::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
     if (err != 0) return err;
     mCancels.erase(mCancels.begin());  // its answer is dropped when it comes
   }
@@ -154,23 +160,23 @@ int SocketClient::Link::sendCancels(Deadline deadline) {
 }
 
 int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
-                                 vrowire::Answer* answer) {
-  const size_t size = vrowire::encodeRequest(mOut.get(), vrowire::kMaxMessage, mRequest);
+                                 peer::Answer* answer) {
+  const size_t size = peer::encodeRequest(mOut.get(), peer::kMaxMessage, mRequest);
   if (size == 0) return -EMSGSIZE;
   for (;;) {
     const bool fresh = !mSock;
     int err = fresh ? connectLocked(deadline) : 0;
     if (err != 0) return err;
     err = sendCancels(deadline);
-    if (err == 0) err = vrowire::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount, deadline);
+    if (err == 0) err = peer::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount, deadline);
     if (err == -EBADF) return err;  // a descriptor of the caller's: nothing was sent
     const bool sent = err == 0;
     int closing = 0;
     if (sent || linkDown(err)) {
       // After a failed send, what the peer said before it ended the connection is still there.
-      const int answered = vrowire::awaitAnswer(
-          mSock.get(), mIn.get(), vrowire::kMaxMessage, static_cast<uint16_t>(mRequest.kind),
-          mRequest.seq, sent ? deadline : Deadline::min(), answer, &closing);
+      const int answered = peer::awaitAnswer(mSock.get(), mIn.get(), peer::kMaxMessage,
+                                             static_cast<uint16_t>(mRequest.kind), mRequest.seq,
+                                             sent ? deadline : Deadline::min(), answer, &closing);
       if (sent) err = answered;
     }
     if (err == 0) {
@@ -198,24 +204,23 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
 int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
   for (size_t i = 0; i < count; ++i) {
     if (infos[i].fd < 0) return -EBADF;
-    if (strlen(infos[i].name.c_str()) >= vrowire::kNameSize) return -ENAMETOOLONG;
+    if (strlen(infos[i].name.c_str()) >= peer::kNameSize) return -ENAMETOOLONG;
   }
-  const Deadline deadline = vrowire::after(mTimeoutMs);
+  const Deadline deadline = peer::after(mTimeoutMs);
   uint32_t batch = 0;
   size_t start = 0;
   do {
-    const size_t part = std::min(vrowire::kMaxRecords, count - start);
-    vrowire::Request& request = begin(Kind::Register);
+    const size_t part = std::min(peer::kMaxRecords, count - start);
+    peer::Request& request = begin(Kind::Register);
     if (start == 0) batch = request.seq;
-    request.flags =
-        (start > 0 ? vrowire::kContinue : 0) | (start + part < count ? vrowire::kMore : 0);
-    int fds[vrowire::kMaxRecords];
+    request.flags = (start > 0 ? peer::kContinue : 0) | (start + part < count ? peer::kMore : 0);
+    int fds[peer::kMaxRecords];
     for (size_t i = 0; i < part; ++i) {
       const ShmMemInfo& info = infos[start + i];
-      request.records.push_back(vrowire::Record{info.handle, info.type, info.size, info.name});
+      request.records.push_back(peer::Record{info.handle, info.type, info.size, info.name});
       fds[i] = info.fd;
     }
-    vrowire::Answer answer;
+    peer::Answer answer;
     const int err = exchange(fds, part, start == 0, deadline, &answer);
     if (err == -ETIMEDOUT && mSock) {
       // The peer may still commit what it was sent: it undoes it when it reads this.
@@ -227,8 +232,8 @@ int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
     if (answer.status != 0) {
       const std::string text = "the peer at " + mPath + " refused to register " +
                                std::to_string(count) +
-                               " memories: " + vrocam_host::errnoText(answer.status);
-      vrocam_host::writeLogLine('W', "VroIPCClient", text.c_str());
+                               " memories: " + host::errnoText(answer.status);
+      host::writeLogLine('W', "VroIPCClient", text.c_str());
       return answer.status;
     }
     start += part;
@@ -237,26 +242,26 @@ int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
 }
 
 int SocketClient::registerShm(ShmMemInfo& info) {
-  std::lock_guard<std::mutex> guard(mLink->mLock);
+  MutexLock guard(mLink->mLock);
   return mLink->registerLocked(&info, 1);
 }
 
 int SocketClient::registerShms(std::vector<ShmMemInfo>& infos) {
-  std::lock_guard<std::mutex> guard(mLink->mLock);
+  MutexLock guard(mLink->mLock);
   return mLink->registerLocked(infos.data(), infos.size());
 }
 
 int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
   Link& link = *mLink;
-  std::lock_guard<std::mutex> guard(link.mLock);
-  const Deadline deadline = vrowire::after(link.mTimeoutMs);
+  MutexLock guard(link.mLock);
+  const Deadline deadline = peer::after(link.mTimeoutMs);
   int result = 0;
   size_t start = 0;
   do {
-    const size_t part = std::min(vrowire::kMaxHandles, infos.size() - start);
-    vrowire::Request& request = link.begin(Kind::Deregister);
+    const size_t part = std::min(peer::kMaxHandles, infos.size() - start);
+    peer::Request& request = link.begin(Kind::Deregister);
     for (size_t i = 0; i < part; ++i) request.handles.push_back(infos[start + i].handle);
-    vrowire::Answer answer;
+    peer::Answer answer;
     const int err = link.exchange(nullptr, 0, start == 0, deadline, &answer);
     if (err != 0) return err;
     if (result == 0) result = answer.status;
@@ -270,25 +275,25 @@ int SocketClient::sendCommand(int command, void* data, size_t length) {
   if (command < PEER_COMMAND_CHECKSUM || command > PEER_COMMAND_HOLDINGS) return -EOPNOTSUPP;
   if (data == nullptr || length != sizes[command]) return -EINVAL;
   Link& link = *mLink;
-  std::lock_guard<std::mutex> guard(link.mLock);
-  vrowire::Answer answer;
+  MutexLock guard(link.mLock);
+  peer::Answer answer;
   int err = 0;
   if (command == PEER_COMMAND_CHECKSUM) {
     auto* checksum = static_cast<PeerChecksum*>(data);
     link.begin(Kind::Checksum).handle = checksum->handle;
-    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
+    err = link.exchange(nullptr, 0, true, peer::after(link.mTimeoutMs), &answer);
     if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
     checksum->crc32 = answer.crc32;
     checksum->bytes = answer.bytes;
   } else if (command == PEER_COMMAND_FILL) {
     const auto* fill = static_cast<const PeerFill*>(data);
-    vrowire::Request& request = link.begin(Kind::Fill);
+    peer::Request& request = link.begin(Kind::Fill);
     request.handle = fill->handle;
     request.value = fill->value;
-    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
+    err = link.exchange(nullptr, 0, true, peer::after(link.mTimeoutMs), &answer);
   } else {
     link.begin(Kind::Holdings);
-    err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
+    err = link.exchange(nullptr, 0, true, peer::after(link.mTimeoutMs), &answer);
     if (err != 0 || answer.status != 0) return err != 0 ? err : answer.status;
     auto* holdings = static_cast<PeerHoldings*>(data);
     holdings->memories = answer.memories;
@@ -301,17 +306,17 @@ int SocketClient::sendCommand(int command, void* data, size_t length) {
 
 int SocketClient::waitForPeer(int timeoutMs) {
   Link& link = *mLink;
-  const Deadline deadline = vrowire::after(timeoutMs);
+  const Deadline deadline = peer::after(timeoutMs);
   for (;;) {
     int err = 0;
     {
-      std::lock_guard<std::mutex> guard(link.mLock);
+      MutexLock guard(link.mLock);
       link.begin(Kind::Ping);
-      vrowire::Answer answer;
-      err = link.exchange(nullptr, 0, true, vrowire::after(link.mTimeoutMs), &answer);
+      peer::Answer answer;
+      err = link.exchange(nullptr, 0, true, peer::after(link.mTimeoutMs), &answer);
       if (err == 0) err = answer.status;
     }
-    if (err == 0 || vrowire::Clock::now() >= deadline) return err;
+    if (err == 0 || peer::Clock::now() >= deadline) return err;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }

@@ -16,7 +16,8 @@
 #include <initializer_list>
 #include <mutex>
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 constexpr size_t kFns = static_cast<size_t>(Fn::kCount);
@@ -120,11 +121,12 @@ std::vector<int> FaultScope::closedFds() const {
   return fds;
 }
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam
 
-using vrotest::call;
-using vrotest::Fn;
-using vrotest::real;
+using vrocam::test::call;
+using vrocam::test::Fn;
+using vrocam::test::real;
 
 // Before the sanitizers' runtimes are ready dlsym can find nothing: mmap, munmap and close then
 // make the system call themselves.
@@ -173,11 +175,11 @@ extern "C" int open(const char* path, int flags, ...) {
     mode = static_cast<mode_t>(va_arg(ap, int));
     va_end(ap);
   }
-  return vrotest::interposedOpen(path, flags, mode);
+  return vrocam::test::interposedOpen(path, flags, mode);
 }
 
 extern "C" int __open_2(const char* path, int flags) {
-  return vrotest::interposedOpen(path, flags, 0);
+  return vrocam::test::interposedOpen(path, flags, 0);
 }
 
 extern "C" int ashmem_create_region(const char* name, size_t size) {

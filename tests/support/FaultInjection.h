@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 
 enum class Fn { Mmap, Munmap, Close, Dup, Open, AshmemCreate, AshmemSetProt, AshmemValid, kCount };
 
@@ -41,4 +42,5 @@ class FaultScope {
   std::vector<int> closedFds() const;
 };
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -15,7 +15,8 @@
 
 #include "HostDebugPrint.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 using NSCam::Utils::ULog::ULogger;
@@ -94,17 +95,8 @@ void LogCapture::clear() {
   gPrinted.clear();
 }
 
-StderrCapture::StderrCapture()
-    : mFile(memfd_create("stderr", MFD_CLOEXEC)), mSaved(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
-  EXPECT_TRUE(mFile && mSaved);
-  dup2(mFile.get(), STDERR_FILENO);
-}
-
-StderrCapture::~StderrCapture() { dup2(mSaved.get(), STDERR_FILENO); }
-
-std::string StderrCapture::text() const {
-  std::string all(static_cast<size_t>(lseek(mFile.get(), 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(mFile.get(), &all[0], all.size(), 0), static_cast<ssize_t>(all.size()));
+std::string capturedStderr() {
+  const std::string all = ::testing::internal::GetCapturedStderr();
   std::string out;
   for (size_t at = 0; at < all.size();) {
     const size_t end = std::min(all.find('\n', at), all.size() - 1) + 1;
@@ -121,4 +113,5 @@ std::string logHead(char level, const std::string& tag, pid_t pid) {
   return head;
 }
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -11,9 +11,9 @@
 
 #include "DebugPrint.h"
 #include "ULogger.h"
-#include "UniqueFd.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 
 // A line as the unified logger received it.
 struct LoggedLine {
@@ -52,19 +52,9 @@ class LogCapture {
   log_level_info_t mLevels[CAM_DBG_LEVEL_NUM];
 };
 
-// Collects what this process writes to stderr while it lives.
-class StderrCapture {
- public:
-  StderrCapture();
-  ~StderrCapture();
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
-  // What was written, each line without its time stamp ("MM-DD HH:MM:SS.mmm").
-  std::string text() const;
-
- private:
-  vrowire::UniqueFd mFile, mSaved;
-};
+// Ends GoogleTest's capture of stderr (testing::internal::CaptureStderr()): what was written,
+// each line without its time stamp ("MM-DD HH:MM:SS.mmm").
+std::string capturedStderr();
 
 // The length of a host log line's time stamp.
 constexpr size_t kTimeStamp = 18;
@@ -72,4 +62,5 @@ constexpr size_t kTimeStamp = 18;
 // What follows the time stamp in a host log line of pid's main thread: " PID   PID L TAG     : ".
 std::string logHead(char level, const std::string& tag, pid_t pid = getpid());
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// The test factory and ManagerTest.
+// ManagerTest and its helpers.
 #include "ManagerFixture.h"
 
 #include <cstdarg>
 #include <cstdio>
 
-#include "LoopbackClient.h"
-
-namespace vrotest {
+namespace vrocam {
+namespace test {
 namespace {
 
 std::vector<int> fieldOf(const std::vector<ShmMemInfo>& infos, int ShmMemInfo::*field) {
@@ -17,10 +16,6 @@ std::vector<int> fieldOf(const std::vector<ShmMemInfo>& infos, int ShmMemInfo::*
 }
 
 }  // namespace
-
-std::atomic<bool> gFactoryGives{false};
-std::atomic<int> gFactoryCalls{0}, gFactoryLastType{-1};
-IPCClient* factoryClient() { return &NSCam::ipc::wrapper::LoopbackClient::instance(); }
 
 std::vector<int> fdsOf(const std::vector<ShmMemInfo>& infos) {
   return fieldOf(infos, &ShmMemInfo::fd);
@@ -60,19 +55,5 @@ void ManagerTest::TearDown() {
   leaks.expectNoLeaks();
 }
 
-}  // namespace vrotest
-
-namespace NSCam {
-namespace ipc {
-namespace wrapper {
-
-// Replaces the host factory for the whole test executable.
-IPCClient* IPCClientFactory::getInstance(IPC_PLATFORM_TYPE type) {
-  ++vrotest::gFactoryCalls;
-  vrotest::gFactoryLastType = type;
-  return vrotest::gFactoryGives ? vrotest::factoryClient() : nullptr;
-}
-
-}  // namespace wrapper
-}  // namespace ipc
-}  // namespace NSCam
+}  // namespace test
+}  // namespace vrocam

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The manager as tests see it: a test IPC client factory, and ManagerTest, a manager connected to
-// a GoogleMock IPC client with its logs captured, its registry empty and a leak check at the end.
+// ManagerTest: a manager connected to a GoogleMock IPC client with its logs captured, its registry
+// empty and a leak check at the end; and what its tests compare with.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -10,15 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "FaultInjection.h"
 #include "HostProperties.h"
 #include "IPCClient.h"
 #include "IPCClientShmMgr.h"
-#include "LeakGuard.h"
 #include "LogCapture.h"
 #include "ManagerInspector.h"
+#include "MockClient.h"
+#include "ProcessState.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 
 using NSCam::ipc::wrapper::IPC_USER;
 using NSCam::ipc::wrapper::IPCClient;
@@ -27,21 +28,6 @@ using NSCam::ipc::wrapper::ShmMemAlloc;
 using NSCam::ipc::wrapper::ShmMemInfo;
 using Inspector = NSCam::ipc::wrapper::IPCClientShmMgrInspector;
 using Id = IPCClientShmMgr::Identifier;
-
-class MockIPCClient : public IPCClient {
- public:
-  MOCK_METHOD(int, registerShm, (ShmMemInfo & info), (override));
-  MOCK_METHOD(int, registerShms, (std::vector<ShmMemInfo> & infos), (override));
-  MOCK_METHOD(int, sendCommand, (int command, void* data, size_t length), (override));
-  MOCK_METHOD(int, waitForPeer, (int timeoutMs), (override));
-  MOCK_METHOD(int, deregisterShms, (std::vector<ShmMemInfo> infos), (override));
-};
-
-// The test executable's IPC client factory, in place of the host's: it hands out the loopback
-// client while gFactoryGives is set (at first it is not), and counts the calls.
-extern std::atomic<bool> gFactoryGives;
-extern std::atomic<int> gFactoryCalls, gFactoryLastType;
-IPCClient* factoryClient();
 
 // A record with the given fields, for comparisons in expectations.
 MATCHER_P6(InfoIs, name, type, size, fd, addr, handle, "") {
@@ -71,4 +57,5 @@ class ManagerTest : public ::testing::Test {
   LeakGuard leaks;
 };
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -14,14 +14,14 @@
 
 #include "Packet.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 
-TestPeer::TestPeer(std::string socket) : mSocket(std::move(socket)) {
-  char dir[] = "/tmp/vrotest-peer-XXXXXX";
-  EXPECT_NE(mkdtemp(dir), nullptr);
-  mDir = dir;
-  if (mSocket.empty()) mSocket = mDir + "/peer.sock";
-  mLog = mDir + "/peer.log";
+TestPeer::TestPeer(std::string socket)
+    : mDir("/tmp/vrocam-test-peer-"),
+      mSocket(socket.empty() ? mDir.socket() : std::move(socket)),
+      mLog(mDir.path() + "/peer.log") {
+  EXPECT_FALSE(mDir.path().empty());
 }
 
 namespace {
@@ -53,15 +53,10 @@ std::string runTool(const std::string& tool, const std::string& args, int* exitC
 
 std::string runPeer(const std::string& args) { return runTool(VROCAM_PEER_BINARY, args); }
 
-TestPeer::~TestPeer() {
-  mProcess.stop(SIGKILL);
-  unlink(mLog.c_str());
-  unlink((mDir + "/peer.sock").c_str());
-  rmdir(mDir.c_str());
-}
+TestPeer::~TestPeer() { mProcess.stop(SIGKILL); }
 
 int TestPeer::start(const std::vector<std::string>& extra, rlim_t maxFiles) {
-  return mProcess.start(vropeer::PeerLaunch{peerCommand(), mSocket, extra, mLog, 5000, maxFiles});
+  return mProcess.start(peer::PeerLaunch{peerCommand(), mSocket, extra, mLog, 5000, maxFiles});
 }
 
 int TestPeer::stop(int signal) {
@@ -86,49 +81,50 @@ bool TestPeer::logShows(const std::string& text) const {
 }
 
 RawClient::RawClient(const std::string& socket) {
-  EXPECT_EQ(vrowire::connectTo(socket, 2000, &mSock), 0);
+  EXPECT_EQ(peer::connectTo(socket, 2000, &mSock), 0);
 }
 
 int RawClient::send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds,
-                    vrowire::Answer* answer) {
-  int err = vrowire::sendPacket(mSock.get(), bytes.data(), bytes.size(), fds.data(), fds.size());
-  std::vector<uint8_t> buffer(vrowire::kMaxMessage);
-  vrowire::Received received;
+                    peer::Answer* answer) {
+  int err = peer::sendPacket(mSock.get(), bytes.data(), bytes.size(), fds.data(), fds.size());
+  std::vector<uint8_t> buffer(peer::kMaxMessage);
+  peer::Received received;
   // A peer that ended the connection may have said why first.
-  const ssize_t got = vrowire::recvPacket(mSock.get(), buffer.data(), buffer.size(), &received,
-                                          vrowire::after(err == 0 ? 5000 : 0));
+  const ssize_t got = peer::recvPacket(mSock.get(), buffer.data(), buffer.size(), &received,
+                                       peer::after(err == 0 ? 5000 : 0));
   if (got <= 0) return err != 0 ? err : got == 0 ? -ECONNRESET : static_cast<int>(got);
-  vrowire::Answer decoded;
-  EXPECT_EQ(vrowire::decodeAnswer(buffer.data(), static_cast<size_t>(got), &decoded), 0);
+  peer::Answer decoded;
+  EXPECT_EQ(peer::decodeAnswer(buffer.data(), static_cast<size_t>(got), &decoded), 0);
   if (answer != nullptr) *answer = decoded;
   return decoded.status;
 }
 
-std::vector<uint8_t> encoded(const vrowire::Request& request) {
-  std::vector<uint8_t> bytes(vrowire::kMaxMessage);
-  bytes.resize(vrowire::encodeRequest(bytes.data(), bytes.size(), request));
+std::vector<uint8_t> encoded(const peer::Request& request) {
+  std::vector<uint8_t> bytes(peer::kMaxMessage);
+  bytes.resize(peer::encodeRequest(bytes.data(), bytes.size(), request));
   return bytes;
 }
 
-std::vector<uint8_t> message(vrowire::Kind kind, const std::vector<uint8_t>& payload) {
-  vrowire::Request request;
+std::vector<uint8_t> message(peer::Kind kind, const std::vector<uint8_t>& payload) {
+  peer::Request request;
   request.kind = kind;
   request.seq = 1;
   std::vector<uint8_t> bytes = encoded(request);
-  bytes.resize(vrowire::kHeaderSize);
+  bytes.resize(peer::kHeaderSize);
   bytes.insert(bytes.end(), payload.begin(), payload.end());
   for (size_t i = 0; i < 4; ++i) bytes[8 + i] = static_cast<uint8_t>(payload.size() >> (8 * i));
   return bytes;
 }
 
-std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records, uint32_t flags,
+std::vector<uint8_t> registerMessage(const std::vector<peer::Record>& records, uint32_t flags,
                                      uint32_t seq) {
-  vrowire::Request request;
-  request.kind = vrowire::Kind::Register;
+  peer::Request request;
+  request.kind = peer::Kind::Register;
   request.seq = seq;
   request.flags = flags;
   request.records = records;
   return encoded(request);
 }
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -12,9 +12,11 @@
 
 #include "PeerProcess.h"
 #include "PeerWire.h"
+#include "PrivateDirectory.h"
 #include "UniqueFd.h"
 
-namespace vrotest {
+namespace vrocam {
+namespace test {
 
 // What tool (a path), run with args by a shell (behind the emulator of a cross build, and after
 // the command prefix, such as "env -u NAME"), prints on stdout; its exit code goes to *exitCode.
@@ -27,7 +29,7 @@ class TestPeer {
  public:
   // Serves socket, or a socket in a new private directory when socket is empty.
   explicit TestPeer(std::string socket = "");
-  // Kills a peer still running and removes the private directory.
+  // Kills a peer still running; then the private directory goes, with what is in it.
   ~TestPeer();
 
   // Starts the peer with extra flags (and a descriptor limit, unless 0) and waits until it
@@ -37,17 +39,17 @@ class TestPeer {
   int stop(int signal = SIGTERM);
   pid_t pid() const { return mProcess.pid(); }
   const std::string& socket() const { return mSocket; }
-  const std::string& dir() const { return mDir; }
+  const std::string& dir() const { return mDir.path(); }
   // What the peer logged so far.
   std::string log() const;
   // Whether the log holds text within a few seconds.
   bool logShows(const std::string& text) const;
 
  private:
-  std::string mDir;
+  peer::PrivateDirectory mDir;
   std::string mSocket;
   std::string mLog;
-  vropeer::PeerProcess mProcess;
+  peer::PeerProcess mProcess;
 };
 
 // A connection to the peer that sends whatever bytes and descriptors a test gives it.
@@ -57,19 +59,20 @@ class RawClient {
   // Sends a message and waits for the answer: its status, or the link's error (-ECONNRESET when
   // the peer ended the connection, or the reason it gave). The answer lands in *answer if given.
   int send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds = {},
-           vrowire::Answer* answer = nullptr);
+           peer::Answer* answer = nullptr);
   int fd() const { return mSock.get(); }
 
  private:
-  vrowire::UniqueFd mSock;
+  host::UniqueFd mSock;
 };
 
 // The bytes of request, as the socket client encodes them.
-std::vector<uint8_t> encoded(const vrowire::Request& request);
+std::vector<uint8_t> encoded(const peer::Request& request);
 // A message of kind (seq 1) whose payload is the given bytes, well-formed or not.
-std::vector<uint8_t> message(vrowire::Kind kind, const std::vector<uint8_t>& payload = {});
+std::vector<uint8_t> message(peer::Kind kind, const std::vector<uint8_t>& payload = {});
 // A Register request of the records, with flags.
-std::vector<uint8_t> registerMessage(const std::vector<vrowire::Record>& records,
-                                     uint32_t flags = 0, uint32_t seq = 1);
+std::vector<uint8_t> registerMessage(const std::vector<peer::Record>& records, uint32_t flags = 0,
+                                     uint32_t seq = 1);
 
-}  // namespace vrotest
+}  // namespace test
+}  // namespace vrocam

@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Host only: the in-process peer that the host factory hands out. It checks what it is given and
 // keeps a table of registrations by handle, as the peer process would.
+//
+// Locking: one mutex guards the table; each call holds it throughout and calls nothing outside.
 #pragma once
 
-#include <mutex>
-#include <unordered_map>
+#include <memory>
 #include <vector>
 
 #include "IPCClient.h"
@@ -18,6 +19,9 @@ class LoopbackClient : public IPCClient {
   // The process-wide instance that IPCClientFactory::getInstance(IPC_PLATFORM_DEFAULT) returns.
   static LoopbackClient& instance();
 
+  LoopbackClient();
+  ~LoopbackClient() override;
+
   // 0, or -EBADF (descriptor not open), -EFAULT (null address), -EEXIST (handle already held).
   int registerShm(ShmMemInfo& info) override;
   // All or nothing: the first bad record's error, and none of them is kept.
@@ -29,10 +33,8 @@ class LoopbackClient : public IPCClient {
   int deregisterShms(std::vector<ShmMemInfo> infos) override;
 
  private:
-  int check(const ShmMemInfo& info) const;
-
-  std::mutex mLock;
-  std::unordered_map<int, ShmMemInfo> mByHandle;
+  struct Table;  // the registrations, under their lock
+  const std::unique_ptr<Table> mTable;
 };
 
 }  // namespace wrapper

@@ -69,7 +69,7 @@ class IPCClientShmMgr {
   // Creates, duplicates and maps one region (write protection, shared). On success *fd and *addr
   // belong to the caller; on failure they hold -1 and null and nothing of the attempt stays open.
   VROCAM_API int allocateShmMem(unsigned int sensorIdx, const std::string& name, int size, int* fd,
-                     void** addr);
+                                void** addr);
 
   // Allocates, registers and records one memory; it replaces whatever the key held before. When
   // the IPC client refuses it, its value is returned and the region stays mapped and open.
@@ -79,17 +79,19 @@ class IPCClientShmMgr {
   // As above for count requests, in order; stops at the first failure and keeps earlier ones.
   VROCAM_API int allocateAllShmMems(Identifier id, ShmMemAlloc* allocs, unsigned int count);
   VROCAM_API int allocateAllShmMems(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
-                         unsigned int count);
+                                    unsigned int count);
 
   // Registers memory the caller holds; out is filled (its type is left as the caller set it) and
   // stored under {id, type}. Needs a successful init(): the IPC client is not checked here.
-  VROCAM_API int registerShmMem(Identifier id, unsigned int type, std::string name, int fd, unsigned int size,
-                     void* addr, ShmMemInfo& out);
-  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type, std::string name,
-                     int fd, unsigned int size, void* addr, ShmMemInfo& out);
+  VROCAM_API int registerShmMem(Identifier id, unsigned int type, std::string name, int fd,
+                                unsigned int size, void* addr, ShmMemInfo& out);
+  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type,
+                                std::string name, int fd, unsigned int size, void* addr,
+                                ShmMemInfo& out);
   // Registers every element in one call with fresh handles; the caller's vector is not written.
   VROCAM_API int registerShmMem(Identifier id, std::vector<ShmMemInfo> infos);
-  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx, std::vector<ShmMemInfo> infos);
+  VROCAM_API int registerShmMem(IPC_USER user, unsigned int sensorIdx,
+                                std::vector<ShmMemInfo> infos);
 
   // Copies every record of {id, type} into infos in ascending descriptor order; -1 and infos
   // untouched when there is none.
@@ -97,25 +99,28 @@ class IPCClientShmMgr {
   // Copies the record of descriptor fd (-1: the smallest descriptor); -1 and out untouched when
   // there is none.
   VROCAM_API int getShmInfo(ShmMemInfo& out, Identifier id, unsigned int type, int fd);
-  VROCAM_API int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx, unsigned int type, int fd);
+  VROCAM_API int getShmInfo(ShmMemInfo& out, IPC_USER user, unsigned int sensorIdx,
+                            unsigned int type, int fd);
 
   // Unmaps size bytes at addr and closes fd. Touches neither the registry nor the IPC client.
   [[nodiscard]] VROCAM_API int releaseShmMem(int size, int fd, void* addr);
   // Releases every type of the array (descriptor -1) and erases each type's key. Not atomic with
   // other operations: the erase after each element runs without the lock.
-  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, ShmMemAlloc* allocs, unsigned int count);
-  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx, ShmMemAlloc* allocs,
-                                  unsigned int count);
+  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, ShmMemAlloc* allocs,
+                                             unsigned int count);
+  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx,
+                                             ShmMemAlloc* allocs, unsigned int count);
   // Deregisters, then (bReleaseBuf) unmaps and closes, then forgets every memory of {id, type}
   // (fd -1) or the one with descriptor fd (looked up under user id 0). With bReleaseBuf false
   // the caller keeps the mapping and the descriptor.
-  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, unsigned int type, bool bReleaseBuf = true,
-                                  int fd = -1);
-  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx, unsigned int type,
-                                  bool bReleaseBuf = true, int fd = -1);
+  [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, unsigned int type,
+                                             bool bReleaseBuf = true, int fd = -1);
+  [[nodiscard]] VROCAM_API int releaseShmMem(IPC_USER user, unsigned int sensorIdx,
+                                             unsigned int type, bool bReleaseBuf = true,
+                                             int fd = -1);
   // As above for several types in one deregistration; every listed key is erased.
   [[nodiscard]] VROCAM_API int releaseShmMem(Identifier id, std::vector<unsigned int> types,
-                                  bool bReleaseBuf = true);
+                                             bool bReleaseBuf = true);
 
   // Deregisters, unmaps, closes and forgets everything; the handle counter keeps counting.
   [[nodiscard]] VROCAM_API int releaseAllShmMems();
@@ -137,6 +142,9 @@ class IPCClientShmMgr {
   int dbgLog() const { return m_DbgLog.load(std::memory_order_relaxed); }
 
   bool m_Inited;
+  // The one lock, a plain std::mutex, not annotated for clang's thread-safety analysis: the array
+  // form of releaseShmMem erases from m_ShmMemMap without it, and the release forms read the
+  // client before taking it, steps of the lock table that a GUARDED_BY annotation would reject.
   std::mutex m_Lock;
   int m_NextHandle;
   std::map<ShmMemMapKey, std::map<int, ShmMemInfo>> m_ShmMemMap;

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one escaper of text that may come from anywhere (a name another process chose): line breaks
+// and tabs as \n, \r, \t, every other control byte and DEL as \xHH, the rest as it is; so that the
+// text shows on one line and forges none.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace vrocam {
+namespace host {
+
+// Writes text, escaped, into out (at most capacity bytes), never cutting an escape: the number of
+// bytes written.
+size_t escapeInto(char* out, size_t capacity, const char* text, size_t length);
+
+// text, escaped.
+std::string escaped(const std::string& text);
+
+}  // namespace host
+}  // namespace vrocam

@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+// PeerServer: one client's requests, its long commands a slice at a time, and its answers.
+#include <algorithm>
+#include <cerrno>
+
+#include "Connection.h"
+#include "MemoryAccess.h"
+#include "PeerLog.h"
+#include "PeerServer.h"
+
+namespace vrocam {
+namespace peer {
+
+namespace {
+
+// Client memory a long command reads or writes per round.
+constexpr uint64_t kSliceBytes = 1 << 20;
+
+}  // namespace
+
+const char* PeerServer::serve(Connection& connection) {
+  Received& received = mReceived;
+  const ssize_t size =
+      recvPacket(connection.sock.get(), mIn.get(), kMaxMessage, &received, Deadline::min());
+  if (size == -ETIMEDOUT) return nullptr;  // nothing there after all
+  if (size < 0) return "disconnected";
+  // An empty message is answered; the end of the connection reads as one too, without
+  // descriptors, and for ever.
+  if (size == 0 && received.fds.empty() && connectionEnded(connection.sock.get())) {
+    return "disconnected";
+  }
+  connection.since = Clock::now();
+
+  Request& request = mRequest;
+  int status = decodeRequest(mIn.get(), static_cast<size_t>(size), received.fds.size(), &request);
+  if (received.truncated) status = -EMSGSIZE;
+  if (received.fdsTruncated) status = -EMFILE;
+  if (!connection.joined && !(status == 0 && request.kind == Kind::Status) && !join(connection)) {
+    received.fds.clear();
+    drop(connection, "refused", -EUSERS);
+    return nullptr;
+  }
+  ClientTable& table = connection.table;
+  if (status != 0 || request.kind != Kind::Register) {
+    mHeld -= table.staged();
+    table.abandonBatch();
+  }
+  Answer answer;
+  if (status == 0) status = handle(connection, request, received.fds, answer);
+  received.fds.clear();  // whatever the table did not keep is closed now
+  if (status == 1) return advance(connection);
+  answer.kind = kAnswer | static_cast<uint16_t>(request.kind);
+  answer.seq = request.seq;
+  answer.status = status;
+  return this->answer(connection, answer);
+}
+
+int PeerServer::handle(Connection& connection, const Request& request, std::vector<UniqueFd>& fds,
+                       Answer& answer) {
+  ClientTable& table = connection.table;
+  const size_t before = table.held();
+  int status = 0;
+  switch (request.kind) {
+    case Kind::Ping:
+      break;
+    case Kind::Register: {
+      if ((request.flags & kContinue) == 0) table.abandonBatch();
+      const size_t held = mHeld - before + table.held();
+      status = table.registerPart(request, fds, mBudget > held ? mBudget - held : 0);
+      break;
+    }
+    case Kind::Deregister:
+      status = table.deregister(request.handles);
+      break;
+    case Kind::Checksum:
+    case Kind::Fill: {
+      const Memory* memory = table.find(request.handle);
+      if (memory == nullptr) return -ENOENT;
+      if (request.kind == Kind::Fill && !memory->writable) return -EACCES;
+      connection.command = LongCommand{request.kind, request.seq, memory, 0, 0, request.value};
+      return 1;
+    }
+    case Kind::Holdings:
+      answer.memories = static_cast<uint32_t>(table.memories().size());
+      answer.bytes = table.bytes();
+      answer.staged = static_cast<uint32_t>(table.staged());
+      answer.stagedBytes = table.stagedBytes();
+      break;
+    case Kind::Status:
+      statusPage(connection, request.cursor, answer);
+      break;
+    case Kind::Cancel: {
+      const uint64_t bytes = table.bytes();
+      const size_t undone = table.cancel(request.batch);
+      if (undone != 0) {
+        peerLog('I',
+                "client pid %d uid %u gave up on a registration: released %zu memories (%llu "
+                "bytes)",
+                connection.pid, connection.uid, undone,
+                static_cast<unsigned long long>(bytes - table.bytes()));
+      }
+      status = undone != 0 ? 0 : -ENOENT;
+      break;
+    }
+    default:
+      status = -EOPNOTSUPP;
+      break;
+  }
+  mHeld = mHeld - before + table.held();
+  return status;
+}
+
+const char* PeerServer::advance(Connection& connection) {
+  LongCommand& command = connection.command;
+  const Memory& memory = *command.memory;
+  const uint64_t slice = std::min(kSliceBytes, memory.size - command.done);
+  const int err = command.kind == Kind::Checksum
+                      ? checksumRange(memory.fd.get(), command.done, slice, &command.crc, &mScratch)
+                      : guardedFill(memory.mapping.data() + command.done, slice, command.value);
+  command.done += slice;
+  if (err == 0 && command.done < memory.size) return nullptr;  // more in the next round
+  Answer answer;
+  answer.kind = answerKind(command.kind);
+  answer.seq = command.seq;
+  answer.status = err;
+  answer.crc32 = command.crc;
+  answer.bytes = memory.size;
+  connection.command = LongCommand();
+  return this->answer(connection, answer);
+}
+
+const char* PeerServer::answer(Connection& connection, const Answer& answer) {
+  const size_t length = encodeAnswer(mOut.get(), kMaxMessage, answer);
+  const int err =
+      sendPacket(connection.sock.get(), mOut.get(), length, nullptr, 0, Deadline::min());
+  if (err == -ETIMEDOUT) {
+    // Its socket is full: the answer waits here, and the client's next request in its socket.
+    connection.unsent.assign(mOut.get(), mOut.get() + length);
+    connection.since = Clock::now();
+    return nullptr;
+  }
+  return err == 0 ? nullptr : "disconnected";
+}
+
+const char* PeerServer::flush(Connection& connection) {
+  const int err = sendPacket(connection.sock.get(), connection.unsent.data(),
+                             connection.unsent.size(), nullptr, 0, Deadline::min());
+  if (err == -ETIMEDOUT) return nullptr;
+  if (err != 0) return "disconnected";
+  connection.unsent.clear();
+  connection.since = Clock::now();
+  return nullptr;
+}
+
+}  // namespace peer
+}  // namespace vrocam

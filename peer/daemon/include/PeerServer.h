@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+// PeerServer: the peer process's side of the IPC link. It listens on an AF_UNIX SOCK_SEQPACKET
+// socket and serves every client of its own uid or root's from one thread, fairly: each round
+// gives each client at most one request or one slice of a long command (about a megabyte of its
+// memory, or one page of status), so no client waits on another's work. It keeps each client's
+// memories in a ClientTable, frees them when the client goes, and holds what it holds within
+// budgets: client slots, memories in all (each a descriptor and a mapping), time a batch may stay
+// unfinished, time an answer may stay untaken.
+//
+// Locking: none. One thread runs everything (listen, adopt, run and the destructor); another
+// thread may only make stopFd readable.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ClientTable.h"
+#include "Packet.h"
+#include "PeerWire.h"
+#include "UniqueFd.h"
+
+namespace vrocam {
+namespace peer {
+
+struct ServerLimits {
+  Limits perClient;
+  uint32_t maxClients = 64;
+  // Memories of all clients together, staged ones included; 0: as many as the descriptor limit
+  // and the kernel's mapping limit leave room for.
+  uint32_t maxMemories = 0;
+  // A connection idle this long that holds nothing gives up its slot to a new client.
+  std::chrono::milliseconds idleTimeout{30000};
+  // A batch whose next part does not come within this time is dropped; so is a client that
+  // leaves an answer untaken this long.
+  std::chrono::milliseconds batchTimeout{10000};
+};
+
+class PeerServer {
+ public:
+  explicit PeerServer(const ServerLimits& limits);
+  // Unmaps and closes everything, and removes the socket file if it is still this server's, and
+  // the directories listen() made for it if they are empty.
+  ~PeerServer();
+  PeerServer(const PeerServer&) = delete;
+  PeerServer& operator=(const PeerServer&) = delete;
+
+  // Creates the socket at path with mode 0600 (never wider, whatever the umask), and its
+  // directory with mode 0700 when missing, plans the budget of memories and listens. A stale
+  // socket file that nobody serves is replaced. 0, or a negative errno (logged): -EADDRINUSE when
+  // a peer serves there already, -EEXIST when path is something other than a socket, -EMFILE when
+  // the descriptor limit leaves no room for memories.
+  int listen(const std::string& path);
+  // Serves until stopFd (-1: none) becomes readable. 0, or a negative errno if polling failed.
+  int run(int stopFd);
+  // Serves an already connected socket as a client of pid and uid (for in-process use).
+  void adopt(host::UniqueFd sock, pid_t pid, uid_t uid);
+  // One round of service, waiting at most waitMs for something to do (-1: as long as it takes):
+  // 1 to go on, 0 when stopFd became readable, or a negative errno if polling failed.
+  int round(int stopFd, int waitMs);
+
+  // Connections that asked for more than the status; beside them, up to kVisitors connections
+  // that only ask for the status are served, so that a peer full of clients still shows them.
+  size_t clients() const;
+  static constexpr size_t kVisitors = 4;
+  size_t memories() const;
+  // Memories held in all, staged ones included, and how many may be held.
+  size_t held() const { return mHeld; }
+  size_t budget() const { return mBudget; }
+
+  struct Connection;
+
+ private:
+  void accept();
+  // Makes a connection a client, giving it a slot (taken from an idle client if need be): false
+  // when none is left.
+  bool join(Connection& connection);
+  bool reclaimIdleSlot();
+  // Ends a connection, logging why if it was a client; reason (a negative errno), when not 0, is
+  // sent to it first. The connection is erased at the end of the round.
+  void drop(Connection& connection, const char* why, int reason);
+  // Sends a Closing answer with reason on sock, which is then closed.
+  void refuse(host::UniqueFd sock, int reason);
+  // Reads and answers one message; null, or why the connection is to end.
+  const char* serve(Connection& connection);
+  // Carries out a well-formed request; its status, with the answer's fields filled in; or 1 when
+  // the request became a long command that answers later.
+  int handle(Connection& connection, const Request& request, std::vector<host::UniqueFd>& fds,
+             Answer& answer);
+  // One slice of the connection's long command; null, or why the connection is to end.
+  const char* advance(Connection& connection);
+  // Sends the answer, or keeps it until the client takes it; null, or why the connection ends.
+  const char* answer(Connection& connection, const Answer& answer);
+  const char* flush(Connection& connection);
+  void statusPage(const Connection& asking, const StatusCursor& from, Answer& answer) const;
+  void expireBatches(Clock::time_point now);
+  int waitMs(Clock::time_point now) const;
+
+  const ServerLimits mLimits;
+  size_t mBudget;
+  size_t mHeld = 0;
+  std::string mPath;
+  std::vector<std::string> mMadeDirectories;
+  ino_t mInode = 0;
+  host::UniqueFd mListen;
+  host::UniqueFd mReserve;  // given up to accept, and refuse, a client when out of descriptors
+  std::vector<std::unique_ptr<Connection>> mConnections;  // in the order they came
+  uint32_t mNextSerial = 1;
+  std::unique_ptr<uint8_t[]> mIn;
+  std::unique_ptr<uint8_t[]> mOut;
+  Received mReceived;  // of the message being served, kept for its buffers' sake
+  Request mRequest;
+  std::vector<uint8_t> mScratch;  // for reading memory
+};
+
+// Sends the peer's log lines to fd instead of stderr (a peer served inside another program).
+void setPeerLogFile(int fd);
+
+}  // namespace peer
+}  // namespace vrocam
