@@ -64,6 +64,10 @@ std::chrono::milliseconds CommandLine::duration(const char* option, const char* 
   return std::chrono::milliseconds(count * scale);
 }
 
+void CommandLine::noOperands(int argc, char** argv) const {
+  if (optind < argc) fail(("unexpected argument '" + std::string(argv[optind]) + "'").c_str());
+}
+
 void CommandLine::unknown(int returned, char** argv) const {
   const std::string given = argv[optind - 1];
   fail((returned == ':' ? given + " needs a value" : "unknown option '" + given + "'").c_str());

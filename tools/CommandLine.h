@@ -22,6 +22,8 @@ class CommandLine {
   // The option's value as a duration: milliseconds, or a number with "ms" or "s"; at most max.
   std::chrono::milliseconds duration(const char* option, const char* value,
                                      std::chrono::milliseconds max) const;
+  // Reports the first of argv's operands left after the options (optind on), if any, and exits.
+  void noOperands(int argc, char** argv) const;
   // Reports the option getopt_long did not take, by what it returned: ':' for an option that
   // lacks its value (the option string starts with ':'), '?' for an unknown one; and exits.
   [[noreturn]] void unknown(int returned, char** argv) const;

@@ -111,7 +111,7 @@ Options parse(int argc, char** argv) {
         line.unknown(c, argv);
     }
   }
-  if (optind < argc) line.fail(("unexpected argument '" + std::string(argv[optind]) + "'").c_str());
+  line.noOperands(argc, argv);
   if (options.json && !options.status) line.fail("--json goes with --status");
   if (options.socket.empty() && options.status && getenv("VROCAM_IPC_SOCKET") != nullptr) {
     options.socket = getenv("VROCAM_IPC_SOCKET");

@@ -84,7 +84,7 @@ Options parse(int argc, char** argv) {
         line.unknown(c, argv);
     }
   }
-  if (optind < argc) line.fail(("unexpected argument '" + std::string(argv[optind]) + "'").c_str());
+  line.noOperands(argc, argv);
   return options;
 }
 

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 
 #include "Connection.h"
 #include "Escape.h"
 #include "PeerServer.h"
+#include "StringPrintf.h"
 
 namespace vrocam {
 namespace peer {
@@ -23,15 +23,7 @@ bool add(std::string& page, const std::string& line) {
   return true;
 }
 
-std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* format, ...) {
-  char line[256];
-  va_list ap;
-  va_start(ap, format);
-  vsnprintf(line, sizeof(line), format, ap);
-  va_end(ap);
-  return line;
-}
+using host::StringPrintf;
 
 }  // namespace
 
@@ -41,7 +33,8 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
   StatusCursor at = from;
   answer.more = true;
   if (at.client == 0 && at.after == StatusCursor::kClientLine) {
-    add(page, format("peer pid %d: %zu of at most %u clients; %zu of at most %zu memories in all\n",
+    add(page,
+        StringPrintf("peer pid %d: %zu of at most %u clients; %zu of at most %zu memories in all\n",
                      static_cast<int>(getpid()), clients(), mLimits.maxClients, mHeld, mBudget));
   }
   // The clients from the cursor on, in the order they came; the asking one, and any that only
@@ -58,11 +51,11 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
     const ClientTable& table = client.table;
     if (at.after == StatusCursor::kClientLine) {
       std::string line =
-          format("client pid %d uid %u: %zu memories, %llu bytes", client.pid, client.uid,
-                 table.memories().size(), static_cast<unsigned long long>(table.bytes()));
+          StringPrintf("client pid %d uid %u: %zu memories, %llu bytes", client.pid, client.uid,
+                       table.memories().size(), static_cast<unsigned long long>(table.bytes()));
       if (table.staged() != 0) {
-        line += format("; staged %zu memories, %llu bytes", table.staged(),
-                       static_cast<unsigned long long>(table.stagedBytes()));
+        line += StringPrintf("; staged %zu memories, %llu bytes", table.staged(),
+                             static_cast<unsigned long long>(table.stagedBytes()));
       }
       if (!add(page, line + "\n")) return void(answer.next = at);
       at.after = StatusCursor::kClientLine + 1;
@@ -74,8 +67,8 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
     for (; memory != memories.end(); ++memory) {
       const Memory& m = memory->second;
       const std::string line =
-          format("  handle %d type %u size %llu%s name ", m.handle, m.type,
-                 static_cast<unsigned long long>(m.size), m.writable ? "" : " read-only") +
+          StringPrintf("  handle %d type %u size %llu%s name ", m.handle, m.type,
+                       static_cast<unsigned long long>(m.size), m.writable ? "" : " read-only") +
           host::escaped(m.name) + "\n";
       if (!add(page, line)) return void(answer.next = at);
       at.after = m.handle;
@@ -92,8 +85,8 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
     memories += connection->table.memories().size();
     bytes += connection->table.bytes();
   }
-  if (!add(page,
-           format("total: %zu clients, %zu memories, %llu bytes\n", clients, memories, bytes))) {
+  if (!add(page, StringPrintf("total: %zu clients, %zu memories, %llu bytes\n", clients, memories,
+                              bytes))) {
     return void(answer.next = at);
   }
   answer.more = false;

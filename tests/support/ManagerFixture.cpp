@@ -2,9 +2,6 @@
 // ManagerTest and its helpers.
 #include "ManagerFixture.h"
 
-#include <cstdarg>
-#include <cstdio>
-
 namespace vrocam {
 namespace test {
 namespace {
@@ -22,15 +19,6 @@ std::vector<int> fdsOf(const std::vector<ShmMemInfo>& infos) {
 }
 std::vector<int> handlesOf(const std::vector<ShmMemInfo>& infos) {
   return fieldOf(infos, &ShmMemInfo::handle);
-}
-
-std::string format(const char* fmt, ...) {
-  char text[1024];
-  va_list ap;
-  va_start(ap, fmt);
-  vsnprintf(text, sizeof(text), fmt, ap);
-  va_end(ap);
-  return text;
 }
 
 void setDbgLog(IPCClientShmMgr* mgr, const char* value) {

@@ -17,6 +17,7 @@
 #include "ManagerInspector.h"
 #include "MockClient.h"
 #include "ProcessState.h"
+#include "StringPrintf.h"
 
 namespace vrocam {
 namespace test {
@@ -41,7 +42,7 @@ std::vector<int> fdsOf(const std::vector<ShmMemInfo>& infos);
 std::vector<int> handlesOf(const std::vector<ShmMemInfo>& infos);
 
 // printf into a string, for expected log texts.
-__attribute__((format(printf, 1, 2))) std::string format(const char* fmt, ...);
+constexpr auto format = host::StringPrintf;
 
 // Sets "vendor.debug.ipc.log" for this process (null: unset) and runs init() to pick it up.
 void setDbgLog(IPCClientShmMgr* mgr, const char* value);
