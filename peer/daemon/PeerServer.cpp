@@ -183,7 +183,9 @@ int PeerServer::round(int stopFd, int waitMs) {
   if (polled[1].revents != 0) return 0;
   const Clock::time_point now = Clock::now();
   // Each client gets at most one request or one slice per round, so that none waits on another.
-  for (size_t i = 0; i < mConnections.size(); ++i) {
+  // The newest come first: a client that ended before an older one's request is dropped before
+  // that request is answered.
+  for (size_t i = mConnections.size(); i-- > 0;) {
     Connection& connection = *mConnections[i];
     const short events = polled[i + 2].revents;
     const char* why = nullptr;
