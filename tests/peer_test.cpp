@@ -26,6 +26,7 @@
 #include "Packet.h"
 #include "PeerCommands.h"
 #include "PeerHarness.h"
+#include "PeerServer.h"
 #include "ProcessSnapshot.h"
 #include "ProcessState.h"
 #include "SocketClient.h"
@@ -641,6 +642,13 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   EXPECT_TRUE(peer.logShows("gave up its slot to a new client: idle and holding nothing"));
   EXPECT_EQ(greedy.send(message(Kind::Ping)), -ETIMEDOUT) << "the reason it was given";
+  // Connections that never ask anything take no slot for good either.
+  std::vector<std::unique_ptr<RawClient>> silent;
+  while (silent.size() < 1 + vrocam::peer::PeerServer::kVisitors) {
+    silent.push_back(std::make_unique<RawClient>(peer.socket()));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));  // beyond --idle-timeout
+  EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   freeRegion(region);
 }
 

@@ -259,7 +259,7 @@ void PeerServer::accept() {
             cred.uid);
     return refuse(std::move(sock), -EACCES);
   }
-  if (mConnections.size() >= mLimits.maxClients + kVisitors) {
+  if (mConnections.size() >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
     peerLog('W', "refused client pid %d uid %u: already %zu clients", cred.pid, cred.uid,
             clients());
     return refuse(std::move(sock), -EUSERS);
@@ -282,7 +282,7 @@ bool PeerServer::reclaimIdleSlot() {
   const Clock::time_point now = Clock::now();
   Connection* idlest = nullptr;
   for (const auto& connection : mConnections) {
-    if (!connection->joined || connection->gone || connection->busy() ||
+    if (connection->gone || connection->busy() ||
         connection->table.held() != 0 || now - connection->since < mLimits.idleTimeout) {
       continue;
     }

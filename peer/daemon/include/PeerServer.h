@@ -80,6 +80,8 @@ class PeerServer {
   // Makes a connection a client, giving it a slot (taken from an idle client if need be): false
   // when none is left.
   bool join(Connection& connection);
+  // Drops the connection idle longest that holds nothing, if one was idle long enough: whether
+  // one was.
   bool reclaimIdleSlot();
   // Ends a connection, logging why if it was a client; reason (a negative errno), when not 0, is
   // sent to it first. The connection is erased at the end of the round.
