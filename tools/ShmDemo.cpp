@@ -20,6 +20,7 @@
 #include "ErrnoText.h"
 #include "ProcessSnapshot.h"
 #include "SealedMemfd.h"
+#include "SocketClient.h"
 #include "ULogger.h"
 
 namespace vrocam {
@@ -284,8 +285,10 @@ int main(int argc, char** argv) {
   vrocam::tools::IPCClientShmMgr* mgr = vrocam::tools::IPCClientShmMgr::getInstance();
   NSCam::ipc::wrapper::IPCClient* client =
       NSCam::ipc::wrapper::IPCClientFactory::getInstance(NSCam::ipc::wrapper::IPC_PLATFORM_DEFAULT);
-  if (client == nullptr) {
-    fprintf(stderr, "vrocam_shm_demo: no IPC client: the peer at %s does not answer\n", socket);
+  if (client == nullptr) {  // the factory gives none while the peer does not answer: why not
+    const int err = NSCam::ipc::wrapper::SocketClient::shared()->waitForPeer(0);
+    fprintf(stderr, "vrocam_shm_demo: no IPC client: the peer at %s: %s\n", socket,
+            vrocam::host::errnoText(err).c_str());
     return 1;
   }
 
