@@ -212,17 +212,19 @@ TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
   std::vector<ShmMemInfo> recorded;
   EXPECT_EQ(mgr->getShmInfo(recorded, kOwner, 9), -1);
 
-  // The count limit holds within one message too; a size of one byte is a size.
+  // The count limit holds within one message too; a byte is a size; the byte limit fills exactly.
   std::vector<ShmMemInfo> three = ownBatch(3, 10);
   three[0].size = 1;
-  const Region readOnly = makeRegion(4096, "read-only", kRegionSeals);
+  const Region readOnly = makeRegion((64 << 10) - 4097, "read-only", kRegionSeals);
   ASSERT_EQ(fcntl(readOnly.fd, F_ADD_SEALS, F_SEAL_FUTURE_WRITE), 0);
-  ASSERT_EQ(mgr->registerShmMem(kOwner, 11, "read-only", readOnly.fd, 4096, readOnly.addr, out), 0);
+  ASSERT_EQ(
+      mgr->registerShmMem(kOwner, 11, "read-only", readOnly.fd, readOnly.size, readOnly.addr, out),
+      0);
   EXPECT_EQ(mgr->registerShmMem(kOwner, three), -ENOSPC);
   freeRegion(Region{three.back().fd, three.back().addr, 4096});
   three.pop_back();
   EXPECT_EQ(mgr->registerShmMem(kOwner, three), 0);
-  EXPECT_EQ(holdings().bytes, 4096u + 1 + 4096);
+  EXPECT_EQ(holdings().bytes, 64u << 10);
 
   // Memory sealed against writing can be read but not filled; command records are checked.
   PeerFill fill{out.handle, 1}, lost{-5, 1};
