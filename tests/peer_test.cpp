@@ -654,7 +654,8 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   freeRegion(region);
 }
 
-// A log that nobody reads never stops the peer: lines are dropped, counted and reported later.
+// A log that nobody reads never stops the peer: lines are dropped, counted and reported later;
+// repeats are summarised.
 TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
   ASSERT_EQ(peer.stop(), 0);
   const string log = peer.dir() + "/peer.log";
@@ -675,6 +676,14 @@ TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_EQ(unlink(log.c_str()), 0);
   ASSERT_NO_FATAL_FAILURE(startPeer());
+  // A line repeated at once is summarised though no other follows, and nothing else is added.
+  RawClient again(peer.socket());  // "connected", as the fixture's client just was
+  ASSERT_EQ(again.send(message(Kind::Ping)), 0);
+  EXPECT_TRUE(peer.logShows(logHead('I', "vrocam_ipc_peer", peer.pid()) +
+                            "(the line before was repeated 1 more times)\n"));
+  text = peer.log();
+  EXPECT_EQ(text.find("repeated"), text.rfind("repeated")) << text;
+  EXPECT_EQ(text.find(" log lines: "), string::npos) << text;
 }
 
 // Memory on huge pages is mapped whole, and a fault in memory the client took away is an error.
