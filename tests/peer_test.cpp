@@ -547,6 +547,7 @@ TEST_F(PeerTest, ThePeersCommandLine) {
       {"stray" + at, 2, "unexpected argument 'stray'"},
       {"2>&1 --socket", 2, "--socket needs a value"},
       {"2>&1", 2, "--socket PATH is needed"},
+      {"--socket " + peer.dir() + "/peer.log/x 2>&1", 1, "/x: -20 ENOTDIR: Not a directory\n"},
   };
   for (const auto& c : cases) {
     int exitCode = -1;
