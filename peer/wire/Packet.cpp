@@ -21,8 +21,10 @@ int waitFor(int sock, short events, Deadline deadline) {
   for (;;) {
     int ms = -1;
     if (deadline != Deadline::max()) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-      if (left.count() <= 0) return -ETIMEDOUT;
+      // Compared first: Deadline::min() less now does not fit in a duration.
+      const Deadline now = Clock::now();
+      if (deadline <= now) return -ETIMEDOUT;
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
       ms = left.count() > 1000000 ? 1000000 : static_cast<int>(left.count());
     }
     pollfd one{sock, events, 0};
