@@ -454,6 +454,18 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
   };
   for (const auto& c : cases)
     EXPECT_EQ(RawClient(peer.socket()).send(c.bytes, c.fds), c.expected) << c.what;
+  // An empty message is no hang-up, even with the next message already behind it.
+  RawClient quick(peer.socket());
+  ASSERT_EQ(quick.send(message(Kind::Ping)), 0);
+  ASSERT_EQ(kill(peer.pid(), SIGSTOP), 0);
+  int stopped = 0;
+  ASSERT_EQ(waitpid(peer.pid(), &stopped, WUNTRACED), peer.pid());
+  const auto ping = message(Kind::Ping);
+  ASSERT_EQ(peer::sendPacket(quick.fd(), nullptr, 0, nullptr, 0), 0);
+  ASSERT_EQ(peer::sendPacket(quick.fd(), ping.data(), ping.size(), nullptr, 0), 0);
+  ASSERT_EQ(kill(peer.pid(), SIGCONT), 0);
+  EXPECT_EQ(quick.send(ping), -EBADMSG);
+  EXPECT_EQ(quick.send(ping), 0);
   // A batch left unfinished is dropped, with its descriptors, by the next message.
   RawClient staging(peer.socket());
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
@@ -609,6 +621,17 @@ TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
   EXPECT_GT(peer::recvPacket(busy.fd(), answer.data(), answer.size(), &received), 0);
   const auto* data = static_cast<const uint8_t*>(big.addr);
   EXPECT_EQ(std::count(data, data + big.size, 7), big.size);
+  // Nor does one that takes none of its answers: they wait in the peer until it takes them.
+  const auto ping = message(Kind::Ping);
+  size_t asked = 0, answered = 0;
+  while (peer::sendPacket(busy.fd(), ping.data(), ping.size(), nullptr, 0, peer::after(100)) == 0)
+    ++asked;
+  EXPECT_EQ(other.send(ping), 0);
+  while (answered < asked && peer::recvPacket(busy.fd(), answer.data(), answer.size(), &received,
+                                              peer::after(2000)) > 0) {
+    ++answered;
+  }
+  EXPECT_EQ(answered, asked);
   freeRegion(big);
 }
 
@@ -645,6 +668,13 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   EXPECT_TRUE(peer.logShows("gave up its slot to a new client: idle and holding nothing"));
   EXPECT_EQ(greedy.send(message(Kind::Ping)), -ETIMEDOUT) << "the reason it was given";
+  // One that leaves its answers untaken is dropped after a while, and holds up no other meanwhile.
+  RawClient deaf(peer.socket());
+  const auto ping = message(Kind::Ping);
+  while (peer::sendPacket(deaf.fd(), ping.data(), ping.size(), nullptr, 0, peer::after(100)) == 0) {
+  }
+  EXPECT_EQ(holdings().memories, 1u);
+  EXPECT_TRUE(peer.logShows(" dropped: it left its answer untaken too long: released 0 memories"));
   // Connections that never ask anything take no slot for good either.
   std::vector<std::unique_ptr<RawClient>> silent;
   while (silent.size() < 1 + vrocam::peer::PeerServer::kVisitors) {

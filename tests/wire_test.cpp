@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+// The wire under the socket client, over a socket pair: what a client makes of whatever a server
+// answers, and a send that finds no room.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "Packet.h"
+#include "PeerWire.h"
+#include "ProcessState.h"
+
+namespace vrocam {
+namespace test {
+namespace {
+
+using peer::Kind;
+using Bytes = std::vector<uint8_t>;
+
+struct Pair {
+  host::UniqueFd client;
+  host::UniqueFd server;
+};
+
+Pair socketPair() {
+  int fds[2] = {-1, -1};
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds), 0);
+  return {host::UniqueFd(fds[0]), host::UniqueFd(fds[1])};
+}
+
+Bytes answer(Kind kind, uint32_t seq, int32_t status) {
+  peer::Answer a;
+  a.kind = peer::answerKind(kind);
+  a.seq = seq;
+  a.status = status;
+  Bytes bytes(peer::kMaxMessage);
+  bytes.resize(peer::encodeAnswer(bytes.data(), bytes.size(), a));
+  return bytes;
+}
+
+// A client waiting for the answer to its ping of seq 7 takes that answer, drops the late answers
+// to earlier requests, and takes nothing else: each case's messages, then its outcome.
+TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
+  const Bytes own = answer(Kind::Ping, 7, -ENOENT);
+  Bytes longer = own;
+  longer.resize(own.size() + 8);
+  const struct {
+    const char* what;
+    std::vector<Bytes> sent;
+    bool withFd;
+    int expected;
+    int32_t status;  // of the answer taken, or the reason the server gave on -ECONNRESET
+  } cases[] = {
+      {"its answer", {own}, false, 0, -ENOENT},
+      {"late answers first", {answer(Kind::Ping, 5, 0), answer(Kind::Ping, 6, 0), own}, false, 0,
+       -ENOENT},
+      {"an answer ahead of its request", {answer(Kind::Ping, 8, 0)}, false, -EPROTO, 0},
+      {"the answer to another kind", {answer(Kind::Register, 7, 0)}, false, -EPROTO, 0},
+      {"bytes that are no answer", {{1, 2, 3}}, false, -EPROTO, 0},
+      {"more bytes than an answer", {longer}, false, -EPROTO, 0},
+      {"its answer with a descriptor", {own}, true, -EPROTO, 0},
+      {"a reason, then the end", {answer(Kind::Closing, 0, -EUSERS)}, false, -ECONNRESET, -EUSERS},
+      {"the end", {}, false, -ECONNRESET, 0},
+      {"nothing", {}, false, -ETIMEDOUT, 0},
+  };
+  for (const auto& c : cases) {
+    const LeakGuard before;
+    Pair pair = socketPair();
+    for (const Bytes& bytes : c.sent) {
+      const int fd = pair.server.get();  // any descriptor will do
+      ASSERT_EQ(peer::sendPacket(pair.server.get(), bytes.data(), bytes.size(), &fd, c.withFd), 0);
+    }
+    if (c.expected == -ECONNRESET) pair.server.reset();
+    Bytes buffer(own.size());  // room for exactly one answer to a ping
+    peer::Answer got;
+    int closing = 1;
+    EXPECT_EQ(peer::awaitAnswer(pair.client.get(), buffer.data(), buffer.size(),
+                                static_cast<uint16_t>(Kind::Ping), 7, peer::after(20), &got,
+                                &closing),
+              c.expected)
+        << c.what;
+    EXPECT_EQ(c.expected == 0 ? got.status : closing, c.status) << c.what;
+    pair = Pair();
+    before.expectNoLeaks();
+  }
+}
+
+// A send waits for room until its deadline, and no longer; one that can never be delivered fails
+// at once, and without SIGPIPE.
+TEST(WireTest, ASendWithoutRoomGivesUpAtItsDeadline) {
+  Pair pair = socketPair();
+  const Bytes bytes(1024);
+  int sent = 0;
+  int err = 0;
+  while ((err = peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), nullptr, 0,
+                                 peer::Deadline::min())) == 0) {
+    ++sent;
+  }
+  EXPECT_EQ(err, -ETIMEDOUT);
+  EXPECT_GT(sent, 0);
+  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), nullptr, 0,
+                             peer::after(20)),
+            -ETIMEDOUT);
+  Bytes in(bytes.size());
+  peer::Received received;
+  ASSERT_EQ(peer::recvPacket(pair.server.get(), in.data(), in.size(), &received), 1024);
+  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), nullptr, 0,
+                             peer::after(1000)),
+            0)
+      << "no room after a message was read";
+  const std::vector<int> fds(peer::kMaxFds + 1, pair.client.get());
+  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), 1, fds.data(), fds.size()), -EINVAL);
+  pair.server.reset();
+  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), 1, nullptr, 0), -ECONNRESET);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vrocam
