@@ -53,7 +53,10 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
     int32_t status;  // of the answer taken, or the reason the server gave on -ECONNRESET
   } cases[] = {
       {"its answer", {own}, false, 0, -ENOENT},
-      {"late answers first", {answer(Kind::Ping, 5, 0), answer(Kind::Ping, 6, 0), own}, false, 0,
+      {"late answers first",
+       {answer(Kind::Ping, 5, 0), answer(Kind::Ping, 6, 0), own},
+       false,
+       0,
        -ENOENT},
       {"an answer ahead of its request", {answer(Kind::Ping, 8, 0)}, false, -EPROTO, 0},
       {"the answer to another kind", {answer(Kind::Register, 7, 0)}, false, -EPROTO, 0},
@@ -75,10 +78,10 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
     Bytes buffer(own.size());  // room for exactly one answer to a ping
     peer::Answer got;
     int closing = 1;
-    EXPECT_EQ(peer::awaitAnswer(pair.client.get(), buffer.data(), buffer.size(),
-                                static_cast<uint16_t>(Kind::Ping), 7, peer::after(20), &got,
-                                &closing),
-              c.expected)
+    EXPECT_EQ(
+        peer::awaitAnswer(pair.client.get(), buffer.data(), buffer.size(),
+                          static_cast<uint16_t>(Kind::Ping), 7, peer::after(20), &got, &closing),
+        c.expected)
         << c.what;
     EXPECT_EQ(c.expected == 0 ? got.status : closing, c.status) << c.what;
     pair = Pair();
@@ -99,9 +102,9 @@ TEST(WireTest, ASendWithoutRoomGivesUpAtItsDeadline) {
   }
   EXPECT_EQ(err, -ETIMEDOUT);
   EXPECT_GT(sent, 0);
-  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), nullptr, 0,
-                             peer::after(20)),
-            -ETIMEDOUT);
+  EXPECT_EQ(
+      peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), nullptr, 0, peer::after(20)),
+      -ETIMEDOUT);
   Bytes in(bytes.size());
   peer::Received received;
   ASSERT_EQ(peer::recvPacket(pair.server.get(), in.data(), in.size(), &received), 1024);
