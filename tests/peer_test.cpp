@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The IPC link between two real processes: the manager here, through the socket client, and the
 // peer daemon in a child process; and the peer against raw and hostile clients.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -263,7 +264,12 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   EXPECT_NE(warnings.find(warning + "-111 ECONNREFUSED: Connection refused\n"), string::npos)
       << warnings;
   EXPECT_EQ(warnings.find(warning), warnings.rfind(warning)) << warnings;
+  // The peer started again gets stdio and nothing else of ours, whatever its number.
+  const host::UniqueFd ours(memfd_create("not-for-the-peer", 0));
+  const host::UniqueFd high(fcntl(ours.get(), F_DUPFD, 100));
   ASSERT_NO_FATAL_FAILURE(startPeer());
+  for (const auto& [fd, target] : host::ProcessSnapshot::of(peer.pid()).descriptors)
+    EXPECT_EQ(target.find("not-for-the-peer"), string::npos) << fd;
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
 }
