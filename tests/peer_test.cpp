@@ -358,6 +358,16 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   EXPECT_NE(runPeer("--socket " + file + " 2>&1").find(": -17 EEXIST: File exists\n"),
             std::string::npos);
   EXPECT_EQ(unlink(file.c_str()), 0);
+  // The missing directories of a socket's path are made private, and go when the peer stops.
+  const string made[] = {peer.dir() + "/a", peer.dir() + "/a/b"};
+  TestPeer nested(made[1] + "/peer.sock");
+  ASSERT_EQ(nested.start(), 0) << nested.log();
+  for (const string& dir : made) {
+    ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
+    EXPECT_EQ(st.st_mode, S_IFDIR | 0700) << dir;
+  }
+  EXPECT_EQ(nested.stop(), 0);
+  EXPECT_NE(access(made[0].c_str(), F_OK), 0) << "the directories stay";
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
@@ -412,6 +422,8 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
 TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
   const Region memory = makeRegion(4096, "raw", kRegionSeals);
   const Region other = makeRegion(4096, "raw", kRegionSeals);
+  const host::UniqueFd readOnly(
+      open(("/proc/self/fd/" + std::to_string(memory.fd)).c_str(), O_RDONLY | O_CLOEXEC));
   int pipeFds[2];
   ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
   const Record record{1, 0, 4096, "raw"};
@@ -457,6 +469,10 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
       {"a ping with a payload", message(Kind::Ping, huge), {}, -EBADMSG},
       {"an empty message", {}, {}, -EBADMSG},
       {"an empty message with descriptors", {}, {memory.fd, pipeFds[1]}, -EBADMSG},
+      {"none: memory sent read-only, mapped for reading",
+       registerMessage({record}),
+       {readOnly.get()},
+       0},
   };
   for (const auto& c : cases)
     EXPECT_EQ(RawClient(peer.socket()).send(c.bytes, c.fds), c.expected) << c.what;
@@ -546,6 +562,9 @@ TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
 
 // The peer's command line: each bad option or value is named, and --status prints JSON too.
 TEST_F(PeerTest, ThePeersCommandLine) {
+  EXPECT_TRUE(
+      peer.logShows("holding nothing gives up its slot after 30 s; an unfinished batch or "
+                    "an untaken answer is dropped after 10 s\n"));
   const string at = " --socket " + peer.dir() + "/other.sock 2>&1";
   // --status finds the peer through VROCAM_IPC_SOCKET, which the fixture set.
   const struct {
@@ -708,8 +727,11 @@ TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   drain();
   ASSERT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);  // its lines fit again
+  ASSERT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   drain();
-  EXPECT_NE(text.find(" log lines: the log could not take them at once\n"), string::npos);
+  const size_t dropped = text.find(" log lines: the log could not take them at once\n");
+  EXPECT_NE(dropped, string::npos);
+  EXPECT_EQ(dropped, text.rfind(" log lines: ")) << "reported twice";
   ASSERT_EQ(peer.stop(), 0);
   ASSERT_EQ(unlink(log.c_str()), 0);
   ASSERT_NO_FATAL_FAILURE(startPeer());
