@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <string>
 #include <vector>
 
 #include "Packet.h"
@@ -87,6 +89,23 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
     pair = Pair();
     before.expectNoLeaks();
   }
+  Bytes status = answer(Kind::Status, 7, 0);
+  status[peer::kHeaderSize + 4] = 2;  // "more" is 0 or 1
+  peer::Answer got;
+  EXPECT_EQ(peer::decodeAnswer(status.data(), status.size(), &got), -EPROTO);
+}
+
+// A name goes out NUL-padded: nothing of what the buffer held before leaves with it.
+TEST(WireTest, ANameLeavesNothingOfTheBufferBehindIt) {
+  peer::Request request;
+  request.kind = Kind::Register;
+  request.records = {peer::Record{1, 0, 4096, "ab"}};
+  Bytes bytes(peer::kMaxMessage, 0xFF);
+  bytes.resize(peer::encodeRequest(bytes.data(), bytes.size(), request));
+  ASSERT_GE(bytes.size(), peer::kNameSize);
+  const auto name = bytes.end() - peer::kNameSize;
+  EXPECT_EQ(std::string(name, name + 3), std::string("ab", 3));
+  EXPECT_EQ(std::count(name + 3, bytes.end(), 0), peer::kNameSize - 3);
 }
 
 // A send waits for room until its deadline, and no longer; one that can never be delivered fails
@@ -112,10 +131,21 @@ TEST(WireTest, ASendWithoutRoomGivesUpAtItsDeadline) {
                              peer::after(1000)),
             0)
       << "no room after a message was read";
-  const std::vector<int> fds(peer::kMaxFds + 1, pair.client.get());
-  EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), 1, fds.data(), fds.size()), -EINVAL);
+  Pair other = socketPair();  // at most kMaxFds descriptors go with a message
+  const std::vector<int> fds(peer::kMaxFds + 1, other.client.get());
+  EXPECT_EQ(peer::sendPacket(other.client.get(), bytes.data(), 1, fds.data(), fds.size()), -EINVAL);
+  ASSERT_EQ(peer::sendPacket(other.client.get(), bytes.data(), 1, fds.data(), peer::kMaxFds), 0);
+  EXPECT_EQ(peer::recvPacket(other.server.get(), in.data(), in.size(), &received), 1);
+  EXPECT_EQ(received.fds.size(), peer::kMaxFds);
   pair.server.reset();
   EXPECT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), 1, nullptr, 0), -ECONNRESET);
+  Bytes request = answer(Kind::Ping, 1, 0);  // any header will do
+  int closing = 1;
+  peer::Answer none;
+  EXPECT_EQ(peer::roundTrip(pair.client.get(), request.data(), request.size(), request.size(), 100,
+                            &none, &closing),
+            -EPIPE);
+  EXPECT_EQ(closing, 0) << "a reason that never came";
 }
 
 }  // namespace
