@@ -272,6 +272,23 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
     EXPECT_EQ(target.find("not-for-the-peer"), string::npos) << fd;
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
+  ASSERT_EQ(mgr->releaseAllShmMems(), 0);
+
+  // A call whose request the peer took before it died fails, and is not sent again.
+  ASSERT_EQ(kill(peer.pid(), SIGSTOP), 0);
+  ::testing::internal::CaptureStderr();
+  std::thread call([&] {
+    PeerHoldings held{};
+    EXPECT_EQ(client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)), -ECONNRESET);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // it has sent by then
+  EXPECT_EQ(peer.stop(SIGKILL), 128 + SIGKILL);
+  call.join();
+  const string lost = capturedStderr();  // written by the calling thread
+  EXPECT_EQ(lost.substr(std::min(lost.find(" W "), lost.size())),
+            " W VroIPCClient: lost the peer at " + linkSocket() +
+                ": -104 ECONNRESET: Connection reset by peer\n");
+  ASSERT_NO_FATAL_FAILURE(startPeer());
 }
 
 // Each stop signal stops the peer cleanly; any first call reconnects to a restarted peer, and
@@ -673,7 +690,12 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   const size_t at = log.rfind("budget: at most ");
   ASSERT_NE(at, string::npos) << log;
   std::vector<ShmMemInfo> all = ownBatch(std::stoul(log.substr(at + 16)) + 1, 3);
+  ::testing::internal::CaptureStderr();
   EXPECT_EQ(mgr->registerShmMem(kOwner, all), -ENOSPC);
+  EXPECT_NE(capturedStderr().find(logHead('W', "VroIPCClient") + "the peer at " + peer.socket() +
+                                  " refused to register " + std::to_string(all.size()) +
+                                  " memories: -28 ENOSPC: No space left on device\n"),
+            string::npos);
   freeRegion(Region{all.back().fd, all.back().addr, 4096});
   all.pop_back();
   ASSERT_EQ(mgr->registerShmMem(kOwner, all), 0);
