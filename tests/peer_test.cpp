@@ -343,7 +343,13 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
   const std::string who =
       "client pid " + std::to_string(child) + " uid " + std::to_string(getuid());
   EXPECT_TRUE(peer.logShows(who + " connected\n"));
+  RawClient silent(peer.socket());  // connected, and no client until it asks something
   const std::string status = runPeer("--status --socket " + peer.socket());
+  EXPECT_EQ(
+      status.rfind(
+          "peer pid " + std::to_string(peer.pid()) + ": 2 of at most 64 clients; 2 of at most ", 0),
+      0u)
+      << status;
   EXPECT_NE(status.find(who + ": 2 memories, 12288 bytes\n  handle 1 type 4 size 4096 name plain\n"
                               "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\n"),
             std::string::npos)
