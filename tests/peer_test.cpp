@@ -476,6 +476,7 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
       {"unknown kind", message(static_cast<Kind>(99)), {}, -EOPNOTSUPP},
       {"longer than any message", std::vector<uint8_t>(peer::kMaxMessage + 1), {}, -EMSGSIZE},
       {"65 records", registerMessage(std::vector<Record>(65, record)), {}, -EBADMSG},
+      {"a record the bytes lack", message(Kind::Register, {0, 0, 0, 0, 1, 0, 0, 0}), {}, -EBADMSG},
       {"a record without descriptor", registerMessage({record}), {}, -EBADF},
       {"two descriptors, one record", registerMessage({record}), {memory.fd, other.fd}, -EBADMSG},
       {"a descriptor with a ping", message(Kind::Ping), {memory.fd}, -EBADMSG},
@@ -689,6 +690,7 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   ASSERT_EQ(peer.stop(), 0);
   TestPeer starved;
   EXPECT_EQ(starved.start({}, 24), -ECHILD);
+  EXPECT_EQ(starved.stop(), -1) << "a peer that ended is stopped again";
   EXPECT_TRUE(starved.logShows(": the descriptor limit 24 leaves none for memories"));
   ASSERT_NO_FATAL_FAILURE(startPeer(
       {"--max-clients", "2", "--batch-timeout", "300", "--idle-timeout", "300"}, true, 120));

@@ -61,6 +61,7 @@ int TestPeer::start(const std::vector<std::string>& extra, rlim_t maxFiles) {
 
 int TestPeer::stop(int signal) {
   const int status = mProcess.stop(signal);
+  if (status < 0) return status;  // none was running
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

@@ -35,7 +35,8 @@ class TestPeer {
   // Starts the peer with extra flags (and a descriptor limit, unless 0) and waits until it
   // answers: 0, or PeerProcess::start's error.
   int start(const std::vector<std::string>& extra = {}, rlim_t maxFiles = 0);
-  // Sends signal and waits: the exit code, or 128 + the signal that ended the peer.
+  // Sends signal and waits: the exit code, 128 + the signal that ended the peer, or -1 when none
+  // was running.
   int stop(int signal = SIGTERM);
   pid_t pid() const { return mProcess.pid(); }
   const std::string& socket() const { return mSocket; }
