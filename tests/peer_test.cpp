@@ -383,14 +383,22 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   EXPECT_EQ(unlink(file.c_str()), 0);
   // The missing directories of a socket's path are made private, and go when the peer stops.
   const string made[] = {peer.dir() + "/a", peer.dir() + "/a/b"};
-  TestPeer nested(made[1] + "/peer.sock");
-  ASSERT_EQ(nested.start(), 0) << nested.log();
+  std::optional<TestPeer> nested(std::in_place, made[1] + "/peer.sock");
+  ASSERT_EQ(nested->start(), 0) << nested->log();
   for (const string& dir : made) {
     ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
     EXPECT_EQ(st.st_mode, S_IFDIR | 0700) << dir;
   }
-  EXPECT_EQ(nested.stop(), 0);
+  EXPECT_EQ(nested->stop(), 0);
   EXPECT_NE(access(made[0].c_str(), F_OK), 0) << "the directories stay";
+  const string logDir = nested->dir();
+  nested.reset();
+  EXPECT_NE(access(logDir.c_str(), F_OK), 0) << "the test peer's directory stays, with its log";
+  // The launcher says why a peer did not come: a command that cannot run, or no answer in time.
+  peer::PeerProcess launcher;
+  EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, peer.socket() + ".x", {}, ""}), -ENOENT);
+  EXPECT_EQ(launcher.start({{"/bin/sh", "-c", "sleep 10"}, peer.socket() + ".x", {}, "", 100}),
+            -ETIMEDOUT);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));

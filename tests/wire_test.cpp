@@ -3,14 +3,17 @@
 // answers, and a send that finds no room.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "Packet.h"
 #include "PeerWire.h"
+#include "PrivateDirectory.h"
 #include "ProcessState.h"
 
 namespace vrocam {
@@ -95,12 +98,18 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
   EXPECT_EQ(peer::decodeAnswer(status.data(), status.size(), &got), -EPROTO);
 }
 
-// A name goes out NUL-padded: nothing of what the buffer held before leaves with it.
-TEST(WireTest, ANameLeavesNothingOfTheBufferBehindIt) {
+// A name goes out NUL-padded: nothing of what the buffer held before leaves with it. Nothing is
+// written beyond the room given.
+TEST(WireTest, EncodingWritesNoMoreThanItShould) {
   peer::Request request;
   request.kind = Kind::Register;
   request.records = {peer::Record{1, 0, 4096, "ab"}};
-  Bytes bytes(peer::kMaxMessage, 0xFF);
+  Bytes bytes(2 * peer::kMaxMessage, 0xFF);
+  peer::Answer status;
+  status.kind = peer::answerKind(Kind::Status);
+  status.text.assign(peer::kMaxMessage, 'x');
+  EXPECT_EQ(peer::encodeAnswer(bytes.data(), peer::kMaxMessage, status), 0u);
+  EXPECT_EQ(peer::encodeRequest(bytes.data(), peer::kHeaderSize + 8, request), 0u);
   bytes.resize(peer::encodeRequest(bytes.data(), bytes.size(), request));
   ASSERT_GE(bytes.size(), peer::kNameSize);
   const auto name = bytes.end() - peer::kNameSize;
@@ -146,6 +155,22 @@ TEST(WireTest, ASendWithoutRoomGivesUpAtItsDeadline) {
                             &none, &closing),
             -EPIPE);
   EXPECT_EQ(closing, 0) << "a reason that never came";
+}
+
+// A connect to a listener whose backlog is full gives up at its timeout.
+TEST(WireTest, AConnectThatIsNotAcceptedTimesOut) {
+  const peer::PrivateDirectory dir("/tmp/vrocam-wire-");
+  const std::string path = dir.path() + "/s";
+  host::UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un addr{AF_UNIX, {}};
+  memcpy(addr.sun_path, path.c_str(), path.size());
+  ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  ASSERT_EQ(listen(listener.get(), 0), 0);
+  std::vector<host::UniqueFd> waiting(1);
+  int err = 0;
+  while (waiting.size() < 8 && (err = peer::connectTo(path, 50, &waiting.back())) == 0)
+    waiting.emplace_back();
+  EXPECT_EQ(err, -ETIMEDOUT);
 }
 
 }  // namespace
