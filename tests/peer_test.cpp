@@ -275,7 +275,7 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ASSERT_EQ(mgr->releaseAllShmMems(), 0);
 
   // A call whose request the peer took before it died fails, and is not sent again.
-  ASSERT_EQ(kill(peer.pid(), SIGSTOP), 0);
+  peer.freeze();
   ::testing::internal::CaptureStderr();
   std::thread call([&] {
     PeerHoldings held{};
@@ -511,13 +511,11 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
   // An empty message is no hang-up, even with the next message already behind it.
   RawClient quick(peer.socket());
   ASSERT_EQ(quick.send(message(Kind::Ping)), 0);
-  ASSERT_EQ(kill(peer.pid(), SIGSTOP), 0);
-  int stopped = 0;
-  ASSERT_EQ(waitpid(peer.pid(), &stopped, WUNTRACED), peer.pid());
+  peer.freeze();
   const auto ping = message(Kind::Ping);
-  ASSERT_EQ(peer::sendPacket(quick.fd(), nullptr, 0, nullptr, 0), 0);
-  ASSERT_EQ(peer::sendPacket(quick.fd(), ping.data(), ping.size(), nullptr, 0), 0);
-  ASSERT_EQ(kill(peer.pid(), SIGCONT), 0);
+  ASSERT_EQ(quick.post({}), 0);
+  ASSERT_EQ(quick.post(ping), 0);
+  peer.thaw();
   EXPECT_EQ(quick.send(ping), -EBADMSG);
   EXPECT_EQ(quick.send(ping), 0);
   // A batch left unfinished is dropped, with its descriptors, by the next message.
@@ -669,7 +667,7 @@ TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
   fill.handle = 1;
   fill.value = 7;
   const std::vector<uint8_t> bytes = encoded(fill);
-  ASSERT_EQ(peer::sendPacket(busy.fd(), bytes.data(), bytes.size(), nullptr, 0), 0);
+  ASSERT_EQ(busy.post(bytes), 0);
   EXPECT_EQ(other.send(message(Kind::Ping)), 0);
   char byte = 0;
   EXPECT_EQ(recv(busy.fd(), &byte, 1, MSG_PEEK | MSG_DONTWAIT), -1) << "the fill came first";
@@ -681,8 +679,7 @@ TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
   // Nor does one that takes none of its answers: they wait in the peer until it takes them.
   const auto ping = message(Kind::Ping);
   size_t asked = 0, answered = 0;
-  while (peer::sendPacket(busy.fd(), ping.data(), ping.size(), nullptr, 0, peer::after(100)) == 0)
-    ++asked;
+  while (busy.post(ping, 100) == 0) ++asked;
   EXPECT_EQ(other.send(ping), 0);
   while (answered < asked && peer::recvPacket(busy.fd(), answer.data(), answer.size(), &received,
                                               peer::after(2000)) > 0) {
@@ -734,7 +731,7 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   // One that leaves its answers untaken is dropped after a while, and holds up no other meanwhile.
   RawClient deaf(peer.socket());
   const auto ping = message(Kind::Ping);
-  while (peer::sendPacket(deaf.fd(), ping.data(), ping.size(), nullptr, 0, peer::after(100)) == 0) {
+  while (deaf.post(ping, 100) == 0) {
   }
   EXPECT_EQ(holdings().memories, 1u);
   EXPECT_TRUE(peer.logShows(" dropped: it left its answer untaken too long: released 0 memories"));
@@ -834,8 +831,8 @@ TEST(SocketClientTest, ACallThatTimesOutLosesNothing) {
     ASSERT_NE(client, nullptr);
     std::vector<ShmMemInfo> infos{{"kept", 0, 4096, kept.fd, kept.addr, 1}};
     ASSERT_EQ(client->registerShms(infos), 0);
-    leaks.emplace();                             // the client keeps its connection, for ever here
-    ASSERT_EQ(kill(stopped.pid(), SIGSTOP), 0);  // requests wait in its socket, unanswered
+    leaks.emplace();   // the client keeps its connection, for ever here
+    stopped.freeze();  // requests wait in its socket, unanswered
     ::testing::internal::CaptureStderr();
     ShmMemInfo info("late", 0, 4096, late.fd, late.addr, 2);
     const auto start = std::chrono::steady_clock::now();
@@ -845,7 +842,7 @@ TEST(SocketClientTest, ACallThatTimesOutLosesNothing) {
         << "the timeout of the environment was not used";
     EXPECT_EQ(capturedStderr(), logHead('W', "VroIPCClient") + "no answer from the peer at " +
                                     stopped.socket() + " within 100 ms; the connection is kept\n");
-    ASSERT_EQ(kill(stopped.pid(), SIGCONT), 0);
+    stopped.thaw();
     PeerHoldings held{};
     EXPECT_EQ(client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)), 0);
     EXPECT_EQ(held.memories, 1u);

@@ -65,6 +65,14 @@ int TestPeer::stop(int signal) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+void TestPeer::freeze() const {
+  int status = 0;
+  EXPECT_EQ(kill(pid(), SIGSTOP), 0);
+  EXPECT_EQ(waitpid(pid(), &status, WUNTRACED), pid());
+}
+
+void TestPeer::thaw() const { EXPECT_EQ(kill(pid(), SIGCONT), 0); }
+
 std::string TestPeer::log() const {
   std::ifstream in(mLog);
   std::stringstream text;
@@ -98,6 +106,10 @@ int RawClient::send(const std::vector<uint8_t>& bytes, const std::vector<int>& f
   EXPECT_EQ(peer::decodeAnswer(buffer.data(), static_cast<size_t>(got), &decoded), 0);
   if (answer != nullptr) *answer = decoded;
   return decoded.status;
+}
+
+int RawClient::post(const std::vector<uint8_t>& bytes, int waitMs) {
+  return peer::sendPacket(mSock.get(), bytes.data(), bytes.size(), nullptr, 0, peer::after(waitMs));
 }
 
 std::vector<uint8_t> encoded(const peer::Request& request) {

@@ -38,6 +38,10 @@ class TestPeer {
   // Sends signal and waits: the exit code, 128 + the signal that ended the peer, or -1 when none
   // was running.
   int stop(int signal = SIGTERM);
+  // Stops the peer with SIGSTOP and returns once it is stopped, so that what is sent to it waits
+  // in its socket until thaw().
+  void freeze() const;
+  void thaw() const;
   pid_t pid() const { return mProcess.pid(); }
   const std::string& socket() const { return mSocket; }
   const std::string& dir() const { return mDir.path(); }
@@ -61,6 +65,9 @@ class RawClient {
   // the peer ended the connection, or the reason it gave). The answer lands in *answer if given.
   int send(const std::vector<uint8_t>& bytes, const std::vector<int>& fds = {},
            peer::Answer* answer = nullptr);
+  // Sends a message and leaves its answer unread: 0, or the link's error (-ETIMEDOUT when the
+  // peer took nothing more within waitMs).
+  int post(const std::vector<uint8_t>& bytes, int waitMs = 5000);
   int fd() const { return mSock.get(); }
 
  private:
