@@ -41,7 +41,8 @@ bool linkDown(int err) {
   return err == -EPIPE || err == -ECONNRESET || err == -ENOTCONN || err == -ECONNREFUSED;
 }
 
-// Registrations given up on, kept until they can be sent; beyond, the connection is given up.
+// Registrations given up on, kept until their undoing can be sent; beyond, the connection is given
+// up. (Deregistrations owed are bounded by what was registered: each handle is owed once.)
 constexpr size_t kMaxCancels = 64;
 
 }  // namespace
@@ -59,13 +60,18 @@ struct SocketClient::Link {
   int registerLocked(const ShmMemInfo* infos, size_t count) REQUIRES(mLock);
   // Starts mRequest as a request of kind with the next sequence number.
   peer::Request& begin(peer::Kind kind) REQUIRES(mLock);
-  // Sends mRequest with fds and waits for its answer, all before deadline. retry: the request is
-  // the first of its call, so a connection found dead may be replaced and the request resent.
+  // Sends mRequest with fds and waits for its answer, all before deadline; *sent (if given) says
+  // whether the request went out. retry: the request is the first of its call, so a connection
+  // found dead may be replaced and the request resent.
   int exchange(const int* fds, size_t fdCount, bool retry, peer::Deadline deadline,
-               peer::Answer* answer) REQUIRES(mLock);
+               peer::Answer* answer, bool* sent = nullptr) REQUIRES(mLock);
   int connectLocked(peer::Deadline deadline) REQUIRES(mLock);
-  // Sends the undoing of registrations that timed out, before anything else.
-  int sendCancels(peer::Deadline deadline) REQUIRES(mLock);
+  // Keeps request to send before anything else, as soon as the link allows (a Cancel of a
+  // registration that timed out, a Deregister of the parts of a deregistration not sent); beyond
+  // kMaxCancels cancels, gives up the connection instead.
+  void owe(peer::Request&& request) REQUIRES(mLock);
+  // Sends what is owed, without waiting for the answers (they are dropped when they come).
+  int sendOwed(peer::Deadline deadline) REQUIRES(mLock);
   // Ends the connection, logging why once.
   void lose(int err, int closing) REQUIRES(mLock);
   void report(const std::string& text) REQUIRES(mLock);
@@ -76,8 +82,8 @@ struct SocketClient::Link {
   UniqueFd mSock GUARDED_BY(mLock);
   uint32_t mSeq GUARDED_BY(mLock) = 0;
   peer::Request mRequest GUARDED_BY(mLock);
-  std::vector<uint32_t> mCancels GUARDED_BY(mLock);  // first seqs of registrations to undo
-  bool mReported GUARDED_BY(mLock) = false;          // a failure was logged since the last answer
+  std::vector<peer::Request> mOwed GUARDED_BY(mLock);  // requests to send before anything else
+  bool mReported GUARDED_BY(mLock) = false;            // a failure was logged since the last answer
   const std::unique_ptr<uint8_t[]> mOut GUARDED_BY(mLock);
   const std::unique_ptr<uint8_t[]> mIn GUARDED_BY(mLock);
 };
@@ -132,45 +138,54 @@ int SocketClient::Link::connectLocked(Deadline deadline) {
     return err;
   }
   mSock = std::move(sock);
-  mCancels.clear();  // a new connection holds nothing to undo
+  mOwed.clear();  // a new connection holds nothing to undo
   return 0;
 }
 
 void SocketClient::Link::lose(int err, int closing) {
   mSock.reset();
-  mCancels.clear();
+  mOwed.clear();  // the peer freed what the connection held
   report(closing != 0
              ? "the peer at " + mPath + " ended the connection: " + host::errnoText(closing)
              : "lost the peer at " + mPath + ": " + host::errnoText(err));
 }
 
-int SocketClient::Link::sendCancels(Deadline deadline) {
-  while (!mCancels.empty()) {
-    peer::Request cancel;
-    cancel.kind = Kind::Cancel;
-    cancel.seq = ++mSeq;
-    cancel.batch = mCancels.front();
-    uint8_t message[peer::kHeaderSize + 4];
-    const size_t size = peer::encodeRequest(message, sizeof(message), cancel);
+void SocketClient::Link::owe(peer::Request&& request) {
+  const auto cancels = std::count_if(mOwed.begin(), mOwed.end(), [](const peer::Request& owed) {
+    return owed.kind == Kind::Cancel;
+  });
+  if (request.kind == Kind::Cancel && static_cast<size_t>(cancels) >= kMaxCancels) {
+    return lose(-ETIMEDOUT, 0);
+  }
+  mOwed.push_back(std::move(request));
+}
+
+int SocketClient::Link::sendOwed(Deadline deadline) {
+  while (!mOwed.empty()) {
+    peer::Request& owed = mOwed.front();
+    owed.seq = ++mSeq;
+    uint8_t message[peer::kHeaderSize + 4 + peer::kMaxHandles * 4];
+    const size_t size = peer::encodeRequest(message, sizeof(message), owed);
     const int err = peer::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
     if (err != 0) return err;
-    mCancels.erase(mCancels.begin());  // its answer is dropped when it comes
+    mOwed.erase(mOwed.begin());  // its answer is dropped when it comes
   }
   return 0;
 }
 
 int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
-                                 peer::Answer* answer) {
+                                 peer::Answer* answer, bool* sentOut) {
   const size_t size = peer::encodeRequest(mOut.get(), peer::kMaxMessage, mRequest);
   if (size == 0) return -EMSGSIZE;
   for (;;) {
     const bool fresh = !mSock;
     int err = fresh ? connectLocked(deadline) : 0;
     if (err != 0) return err;
-    err = sendCancels(deadline);
+    err = sendOwed(deadline);
     if (err == 0) err = peer::sendPacket(mSock.get(), mOut.get(), size, fds, fdCount, deadline);
     if (err == -EBADF) return err;  // a descriptor of the caller's: nothing was sent
     const bool sent = err == 0;
+    if (sentOut != nullptr) *sentOut = sent;
     int closing = 0;
     if (sent || linkDown(err)) {
       // After a failed send, what the peer said before it ended the connection is still there.
@@ -224,9 +239,11 @@ int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
     const int err = exchange(fds, part, start == 0, deadline, &answer);
     if (err == -ETIMEDOUT && mSock) {
       // The peer may still commit what it was sent: it undoes it when it reads this.
-      if (mCancels.size() >= kMaxCancels) lose(err, 0);
-      if (mSock) mCancels.push_back(batch);
-      if (mSock) sendCancels(Deadline::min());
+      peer::Request cancel;
+      cancel.kind = Kind::Cancel;
+      cancel.batch = batch;
+      owe(std::move(cancel));
+      if (mSock) sendOwed(Deadline::min());
     }
     if (err != 0) return err;
     if (answer.status != 0) {
@@ -262,7 +279,20 @@ int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
     peer::Request& request = link.begin(Kind::Deregister);
     for (size_t i = 0; i < part; ++i) request.handles.push_back(infos[start + i].handle);
     peer::Answer answer;
-    const int err = link.exchange(nullptr, 0, start == 0, deadline, &answer);
+    bool sent = false;
+    const int err = link.exchange(nullptr, 0, start == 0, deadline, &answer, &sent);
+    if (err == -ETIMEDOUT && link.mSock) {
+      // The caller frees these memories now, so the peer must let go of every one of them too:
+      // the parts not sent go as soon as the link allows.
+      for (size_t next = sent ? start + part : start; next < infos.size();) {
+        peer::Request rest;
+        rest.kind = Kind::Deregister;
+        for (; next < infos.size() && rest.handles.size() < peer::kMaxHandles; ++next) {
+          rest.handles.push_back(infos[next].handle);
+        }
+        link.owe(std::move(rest));
+      }
+    }
     if (err != 0) return err;
     if (result == 0) result = answer.status;
     start += part;

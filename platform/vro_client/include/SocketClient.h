@@ -4,10 +4,11 @@
 // peer's answer, or a negative errno when the link failed. No call waits longer than the timeout.
 // A call that times out fails with -ETIMEDOUT and keeps the connection and everything registered
 // over it; the late answer is dropped when it comes, and a registration that timed out is undone
-// in the peer, so that the peer never holds what the caller was told failed. Only a peer of this
-// process's uid or root's is served (-EACCES otherwise). A connection found dead is replaced at
-// the next call; what was registered over it is gone from the peer, which freed it when the
-// connection ended.
+// in the peer, so that the peer never holds what the caller was told failed. A deregistration that
+// timed out is completed in the peer all the same: what was not sent goes before the next request.
+// Only a peer of this process's uid or root's is served (-EACCES otherwise). A connection found
+// dead is replaced at the next call; what was registered over it is gone from the peer, which freed
+// it when the connection ended.
 //
 // Locking: one mutex per client, held over each whole exchange (all parts of a batch included),
 // so calls from several threads never interleave on the socket. The manager calls in with its own
@@ -51,6 +52,7 @@ class SocketClient : public IPCClient {
   // Pings the peer, connecting as needed, until it answers or timeoutMs passed (at least once).
   int waitForPeer(int timeoutMs) override;
   // Unmaps and closes the memories in the peer; -ENOENT when the peer did not know one of them.
+  // On -ETIMEDOUT the peer still lets go of every one of them, as soon as the link allows.
   int deregisterShms(std::vector<ShmMemInfo> infos) override;
 
  private:
