@@ -16,5 +16,19 @@ std::string errnoText(int err) {
   return std::to_string(err) + " " + name + ": " + text;
 }
 
+std::string errnoName(int err) {
+  const int positive = err == INT_MIN ? 0 : err < 0 ? -err : err;
+  const char* name = positive == 0 ? nullptr : strerrorname_np(positive);
+  return name == nullptr ? "" : name;
+}
+
+int errnoNamed(const std::string& name) {
+  for (int err = 1; err < 4096; ++err) {
+    const char* known = strerrorname_np(err);
+    if (known != nullptr && name == known) return err;
+  }
+  return 0;
+}
+
 }  // namespace host
 }  // namespace vrocam

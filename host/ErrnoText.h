@@ -11,6 +11,10 @@ namespace host {
 // err as given (negative or positive) with its name and text; a number that is no errno is
 // printed as a number only, with "(no errno)".
 std::string errnoText(int err);
+// err's name ("ENOSPC" for 28 or -28), or "" when it is no errno.
+std::string errnoName(int err);
+// The positive errno whose name is name (ENOSPC: 28), or 0 when there is none.
+int errnoNamed(const std::string& name);
 
 }  // namespace host
 }  // namespace vrocam

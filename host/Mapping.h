@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace vrocam {
 namespace host {
@@ -20,6 +21,11 @@ class Mapping {
   ~Mapping();
 
   uint8_t* data() const { return static_cast<uint8_t*>(mAddr); }
+  // Gives up ownership without unmapping: the caller now owns the mapping, of *length bytes.
+  [[nodiscard]] uint8_t* release(size_t* length) {
+    *length = mLength;
+    return static_cast<uint8_t*>(std::exchange(mAddr, nullptr));
+  }
   size_t size() const { return mLength; }
   explicit operator bool() const { return mAddr != nullptr; }
 

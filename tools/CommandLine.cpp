@@ -26,12 +26,12 @@ unsigned long long CommandLine::number(const char* option, const char* value,
                                        unsigned long long min, unsigned long long max,
                                        bool sizes) const {
   const std::string expected = "not a whole number from " + std::to_string(min) + " to " +
-                               std::to_string(max) + (sizes ? " (K, M and G allowed)" : "");
+                               std::to_string(max) + (sizes ? " (K, M, G and T allowed)" : "");
   char* end = nullptr;
   errno = 0;
   unsigned long long result = strtoull(value, &end, 10);
   if (errno != 0 || end == value || value[0] == '-') bad(option, value, expected.c_str());
-  const char units[] = "KMG";
+  const char units[] = "KMGT";
   const char* unit = sizes && *end != '\0' ? strchr(units, *end) : nullptr;
   if (unit != nullptr) {
     const int shift = 10 * static_cast<int>(unit - units + 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the tools share in reading their command lines (getopt_long): values checked and a bad
-// one named in one line on stderr with exit status 2, sizes with K, M or G, --version.
+// one named in one line on stderr with exit status 2, sizes with K, M, G or T, --version.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,8 @@ class CommandLine {
   [[noreturn]] void fail(const char* what) const;
   // Reports option's value as not what it should be, and exits with 2.
   [[noreturn]] void bad(const char* option, const char* value, const char* expected) const;
-  // The option's value as a whole number from min to max (with K, M or G when sizes), or exits.
+  // The option's value as a whole number from min to max (with K, M, G or T when sizes), or
+  // exits.
   unsigned long long number(const char* option, const char* value, unsigned long long min,
                             unsigned long long max, bool sizes = false) const;
   // The option's value as a duration: milliseconds, or a number with "ms" or "s"; at most max.

@@ -32,13 +32,19 @@ void usage() {
   printf(
       "usage: vrocam_ipc_peer --socket PATH [OPTION...]\n"
       "       vrocam_ipc_peer --status [--json] [--socket PATH]\n"
-      "Serves the IPC link on the AF_UNIX socket PATH (its directory is made, 0700, if missing)\n"
-      "until SIGTERM, SIGINT or SIGHUP. Options (--name VALUE or --name=VALUE):\n"
-      "  --max-memories N        memories per client, 1 to 1048576 (default 4096)\n"
-      "  --max-bytes SIZE        bytes per client, with K, M or G, up to 1024T (default 4G)\n"
+      "Serves the IPC link on the AF_UNIX socket PATH until SIGTERM, SIGINT or SIGHUP. Its\n"
+      "directory is made (0700) if missing; one that exists must be this user's or root's, and\n"
+      "nobody else may write to it. Options (--name VALUE or --name=VALUE):\n"
+      "  --max-memories N        memories per client, 1 to 1048576 (default 4096, or a quarter\n"
+      "                          of the memories in all if less: a half with 2 client slots, a\n"
+      "                          third with 3, all with 1)\n"
+      "  --max-bytes SIZE        bytes per client, with K, M, G or T, up to 1024T (default 4G,\n"
+      "                          or the same share of the address space in all if less)\n"
       "  --max-clients N         clients at once, 1 to 1024 (default 64)\n"
       "  --max-total-memories N  memories of all clients, 1 to 16777216 (default: as many as\n"
       "                          the descriptor and mapping limits leave room for)\n"
+      "  --max-address-space SIZE  address space for the mappings of all clients' memories, up\n"
+      "                          to 1024T (default: half of what the machine lets it map)\n"
       "  --idle-timeout TIME     an idle client holding nothing gives its slot to a new one after\n"
       "                          TIME (500ms, 30s; plain numbers are ms; default 30s)\n"
       "  --batch-timeout TIME    an unfinished batch, or an answer the client does not take, is\n"
@@ -59,6 +65,7 @@ Options parse(int argc, char** argv) {
       {"max-bytes", required_argument, nullptr, 'b'},
       {"max-clients", required_argument, nullptr, 'c'},
       {"max-total-memories", required_argument, nullptr, 't'},
+      {"max-address-space", required_argument, nullptr, 'A'},
       {"idle-timeout", required_argument, nullptr, 'i'},
       {"batch-timeout", required_argument, nullptr, 'B'},
       {"help", no_argument, nullptr, 'h'},
@@ -95,6 +102,9 @@ Options parse(int argc, char** argv) {
         break;
       case 't':
         limits.maxMemories = line.number(name, optarg, 1, 1u << 24);
+        break;
+      case 'A':
+        limits.maxAddressSpace = line.number(name, optarg, 1, 1ull << 50, true);
         break;
       case 'i':
         limits.idleTimeout = line.duration(name, optarg, longest);
@@ -138,7 +148,8 @@ int serve(const Options& options) {
   }
 
   vrocam::peer::PeerServer server(options.limits);
-  int err = stop ? server.listen(options.socket) : -errno;
+  int err = stop ? server.listen(options.socket, stop.get()) : -errno;
+  if (err == -EINTR) return 0;  // stopped before it served
   if (err == 0) err = server.run(stop.get());
   if (err != 0) {
     fprintf(stderr, "%s: cannot serve %s: %s\n", kProgram, options.socket.c_str(),

@@ -1,119 +1,83 @@
 // SPDX-License-Identifier: Apache-2.0
-// The peer's status, page by page, as text or JSON.
+// The peer's status, as text or JSON.
 #include "PeerStatus.h"
 
+#include <unistd.h>
+
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
-#include <sstream>
 
 #include "ErrnoText.h"
-#include "Packet.h"
-#include "PeerWire.h"
+#include "Escape.h"
+#include "StatusText.h"
 
 namespace vrocam {
 namespace tools {
 namespace {
 
-// Fetches the whole status text into *text: 0, or a negative errno.
-int fetch(const std::string& socket, std::string* text) {
-  host::UniqueFd sock;
-  int err = peer::connectTo(socket, 2000, &sock);
-  peer::Request request;
-  request.kind = peer::Kind::Status;
-  uint8_t buffer[peer::kMaxMessage];
-  while (err == 0) {
-    ++request.seq;
-    peer::Answer answer;
-    int closing = 0;
-    const size_t size = peer::encodeRequest(buffer, sizeof(buffer), request);
-    err = peer::roundTrip(sock.get(), buffer, sizeof(buffer), size, 2000, &answer, &closing);
-    if (closing != 0) err = closing;
-    if (err == 0) err = answer.status;
-    if (err == 0 && answer.more && answer.text.empty()) err = -EPROTO;  // no progress
-    if (err != 0) break;
-    *text += answer.text;
-    if (text->size() > kMaxStatusText) return -EFBIG;
-    if (!answer.more) break;
-    request.cursor = answer.next;
-  }
-  return err;
+using std::to_string;
+
+std::string field(const char* name, uint64_t value) {
+  return std::string("\"") + name + "\": " + to_string(value);
 }
 
-// text as a JSON string (the peer's text escapes every control byte already).
-std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) out += c == '"' ? "\\\"" : c == '\\' ? "\\\\" : std::string(1, c);
-  return out + "\"";
-}
-
-// The status text as JSON: {"peer": {...}, "clients": [{..., "memories": [...]}], "total": {...}}.
-std::string toJson(const std::string& text) {
-  std::istringstream lines(text);
-  std::string out, memories;
-  bool firstClient = true;
-  const auto closeClient = [&] {
-    if (!firstClient) out += memories + "]}";
-  };
-  for (std::string line; std::getline(lines, line);) {
-    int pid = 0, uid = 0, handle = 0;
-    unsigned a = 0, b = 0, type = 0;
-    unsigned long long c = 0, d = 0, e = 0, size = 0;
-    char flag[16] = "";
-    int used = 0;
-    if (sscanf(line.c_str(), "peer pid %d: %u of at most %u clients; %llu of at most %llu", &pid,
-               &a, &b, &c, &d) == 5) {
-      out += "{\"peer\": {\"pid\": " + std::to_string(pid) + ", \"clients\": " + std::to_string(a) +
-             ", \"maxClients\": " + std::to_string(b) + ", \"memories\": " + std::to_string(c) +
-             ", \"maxMemories\": " + std::to_string(d) + "}, \"clients\": [";
-    } else if (sscanf(line.c_str(), "client pid %d uid %d: %llu memories, %llu bytes%n", &pid, &uid,
-                      &c, &d, &used) == 4) {
-      closeClient();
-      out += std::string(firstClient ? "" : ", ") + "{\"pid\": " + std::to_string(pid) +
-             ", \"uid\": " + std::to_string(uid) + ", \"memories\": " + std::to_string(c) +
-             ", \"bytes\": " + std::to_string(d);
-      c = d = 0;
-      sscanf(line.c_str() + used, "; staged %llu memories, %llu bytes", &c, &d);
-      out += ", \"staged\": " + std::to_string(c) + ", \"stagedBytes\": " + std::to_string(d);
-      memories = ", \"list\": [";
-      firstClient = false;
-    } else if (sscanf(line.c_str(), "  handle %d type %u size %llu%n", &handle, &type, &size,
-                      &used) == 3) {
-      const bool readOnly =
-          sscanf(line.c_str() + used, " %15s", flag) == 1 && std::string(flag) == "read-only";
-      const size_t name = line.find(" name ", static_cast<size_t>(used));
-      memories += std::string(memories.back() == '[' ? "" : ", ") +
-                  "{\"handle\": " + std::to_string(handle) + ", \"type\": " + std::to_string(type) +
-                  ", \"size\": " + std::to_string(size) +
-                  ", \"readOnly\": " + (readOnly ? "true" : "false") +
-                  ", \"name\": " + quoted(name == std::string::npos ? "" : line.substr(name + 6)) +
-                  "}";
-    } else if (sscanf(line.c_str(), "total: %llu clients, %llu memories, %llu bytes", &c, &d, &e) ==
-               3) {
-      closeClient();
-      out += "], \"total\": {\"clients\": " + std::to_string(c) +
-             ", \"memories\": " + std::to_string(d) + ", \"bytes\": " + std::to_string(e) + "}}\n";
+// The status as JSON: {"peer": {...}, "clients": [{..., "list": [...]}], "total": {...}}.
+std::string toJson(const peer::PeerStatus& status) {
+  std::string out =
+      "{\"peer\": {" + field("pid", static_cast<uint64_t>(status.pid)) + ", " +
+      field("clients", status.clients) + ", " + field("maxClients", status.maxClients) + ", " +
+      field("memories", status.memories) + ", " + field("maxMemories", status.maxMemories) + ", " +
+      field("freeing", status.freeing) + ", " + field("addressSpace", status.addressSpace) + ", " +
+      field("maxAddressSpace", status.maxAddressSpace) + ", " +
+      field("maxMemoriesPerClient", status.maxMemoriesPerClient) + ", " +
+      field("maxBytesPerClient", status.maxBytesPerClient) + ", " +
+      field("idleTimeoutMs", static_cast<uint64_t>(status.idleTimeoutMs)) + ", " +
+      field("batchTimeoutMs", static_cast<uint64_t>(status.batchTimeoutMs)) + "}, \"clients\": [";
+  for (const peer::ClientStatus& client : status.clientList) {
+    out += std::string(&client == &status.clientList[0] ? "" : ", ") + "{" +
+           field("pid", static_cast<uint64_t>(client.pid)) + ", " + field("uid", client.uid) +
+           ", " + field("memories", client.memories) + ", " + field("bytes", client.bytes) + ", " +
+           field("staged", client.staged) + ", " + field("stagedBytes", client.stagedBytes) +
+           ", \"list\": [";
+    for (const peer::MemoryStatus& m : client.list) {
+      out += std::string(&m == &client.list[0] ? "" : ", ") +
+             "{\"handle\": " + to_string(m.handle) + ", " + field("type", m.type) + ", " +
+             field("size", m.size) + ", \"readOnly\": " + (m.readOnly ? "true" : "false") +
+             ", \"name\": " + host::jsonQuoted(m.name) + "}";
     }
+    out += "]}";
   }
-  return out;
+  return out + "], \"total\": {" + field("clients", status.totalClients) + ", " +
+         field("memories", status.totalMemories) + ", " + field("bytes", status.totalBytes) +
+         "}}\n";
 }
 
 }  // namespace
 
 int printPeerStatus(const std::string& socket, bool json) {
   std::string text;
-  const int err = fetch(socket, &text);
+  uid_t uid = 0;
+  const int err = peer::fetchStatus(socket, &text, &uid);
+  std::string why;
   if (err == -EFBIG) {
-    fprintf(stderr, "vrocam_ipc_peer: the status from %s is longer than %zu MiB: refused\n",
-            socket.c_str(), kMaxStatusText >> 20);
+    why = "the status from " + socket + " is longer than " + to_string(peer::kMaxStatusText >> 20) +
+          " MiB: refused";
+  } else if (err == -EACCES && uid != 0) {
+    why = "refused the peer at " + socket + ": it runs as uid " + to_string(uid) +
+          ", neither ours (" + to_string(geteuid()) + ") nor root";
+  } else if (err != 0) {
+    why = "no status from " + socket + ": " + host::errnoText(err);
+  }
+  if (!why.empty()) {
+    if (json) {
+      printf("{\"error\": {\"errno\": %d, \"name\": %s, \"message\": %s}}\n", err,
+             host::jsonQuoted(host::errnoName(err)).c_str(), host::jsonQuoted(why).c_str());
+    } else {
+      fprintf(stderr, "vrocam_ipc_peer: %s\n", host::printable(why).c_str());
+    }
     return 1;
   }
-  if (err != 0) {
-    fprintf(stderr, "vrocam_ipc_peer: no status from %s: %s\n", socket.c_str(),
-            host::errnoText(err).c_str());
-    return 1;
-  }
-  fputs(json ? toJson(text).c_str() : text.c_str(), stdout);
+  fputs(json ? toJson(peer::parseStatus(text)).c_str() : host::printable(text).c_str(), stdout);
   return 0;
 }
 

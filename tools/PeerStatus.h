@@ -8,11 +8,9 @@
 namespace vrocam {
 namespace tools {
 
-// The longest status text taken from a peer.
-constexpr size_t kMaxStatusText = 64 << 20;
-
-// Prints the status of the peer at socket on stdout (JSON when json): 0, or 1 after a line on
-// stderr saying why there is none.
+// Prints the status of the peer at socket on stdout (JSON when json), every byte that a terminal
+// or a JSON parser could take amiss escaped: 0, or 1 after saying why there is none, in a line on
+// stderr or, with json, as {"error": {...}} on stdout.
 int printPeerStatus(const std::string& socket, bool json);
 
 }  // namespace tools

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The peer's budget of memories, from its descriptor limit and the kernel's mapping limit.
+// The peer's budget of memories, from its descriptor limit and the kernel's mapping limit, and of
+// address space, from the machine's.
 #include "Budget.h"
 
 #include <sys/resource.h>
@@ -12,8 +13,32 @@
 
 namespace vrocam {
 namespace peer {
+namespace {
 
-Budget planBudget(uint32_t maxClients, uint32_t maxMemories) {
+// The address space this process may map: the processor's user address space (the top of the
+// highest mapping, the stack, rounded up to a power of two) within RLIMIT_AS.
+uint64_t mappableAddressSpace(const host::ProcessSnapshot& now) {
+  uint64_t top = 0;
+  for (const std::string& line : now.mappings) {
+    unsigned long long start = 0, end = 0;
+    // [vsyscall] lies above the user address space on x86-64.
+    if (sscanf(line.c_str(), "%llx-%llx", &start, &end) == 2 && end < (1ull << 63) &&
+        line.find("[vsyscall]") == std::string::npos) {
+      top = std::max<uint64_t>(top, end);
+    }
+  }
+  uint64_t space = 1ull << 32;
+  while (space < top) space <<= 1;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+    space = std::min<uint64_t>(space, limit.rlim_cur);
+  }
+  return space;
+}
+
+}  // namespace
+
+Budget planBudget(uint32_t maxClients, uint32_t maxMemories, uint64_t addressSpace) {
   Budget budget;
   rlimit files{};
   getrlimit(RLIMIT_NOFILE, &files);
@@ -23,6 +48,7 @@ Budget planBudget(uint32_t maxClients, uint32_t maxMemories) {
   budget.mappings = 65530;  // the kernel's default
   std::ifstream("/proc/sys/vm/max_map_count") >> budget.mappings;
   const size_t mappingsUsed = now.mappings.size() + kKeptMappings;
+  budget.addressSpace = addressSpace != 0 ? addressSpace : mappableAddressSpace(now) / 2;
   if (budget.descriptors <= descriptorsUsed) {
     char text[256];
     snprintf(text, sizeof(text),
@@ -40,6 +66,20 @@ Budget planBudget(uint32_t maxClients, uint32_t maxMemories) {
   budget.memories = std::min(budget.descriptors - descriptorsUsed, budget.mappings - mappingsUsed);
   if (maxMemories != 0) budget.memories = std::min<size_t>(budget.memories, maxMemories);
   return budget;
+}
+
+Limits shareOf(const Limits& given, const Budget& budget, uint32_t maxClients) {
+  const Limits most;
+  const uint32_t shares = std::min<uint32_t>(std::max<uint32_t>(maxClients, 1), 4);
+  Limits limits = given;
+  if (limits.maxMemories == 0) {
+    limits.maxMemories = static_cast<uint32_t>(
+        std::max<size_t>(std::min<size_t>(most.maxMemories, budget.memories / shares), 1));
+  }
+  if (limits.maxBytes == 0) {
+    limits.maxBytes = std::max<uint64_t>(std::min(most.maxBytes, budget.addressSpace / shares), 1);
+  }
+  return limits;
 }
 
 }  // namespace peer

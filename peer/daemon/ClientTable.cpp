@@ -20,8 +20,10 @@ bool ClientTable::taken(int32_t handle) const {
   return false;
 }
 
-// Checks one record against its descriptor and, fits or not, against the limits; then maps it.
-int ClientTable::admit(const Record& record, host::UniqueFd fd, bool fits, Memory* out) const {
+// Checks one record against its descriptor and, if it passes, against the limits and the room;
+// then maps it.
+int ClientTable::admit(const Record& record, host::UniqueFd fd, const Room& room,
+                       Memory* out) const {
   if (record.size <= 0) return -EINVAL;
   if (!fd) return -EBADF;
   struct stat st {};
@@ -32,11 +34,14 @@ int ClientTable::admit(const Record& record, host::UniqueFd fd, bool fits, Memor
   const auto size = static_cast<uint64_t>(record.size);
   if (static_cast<uint64_t>(st.st_size) < size) return -EOVERFLOW;
   if (taken(record.handle)) return -EEXIST;
-  if (!fits) return -ENOSPC;
-
   // Huge pages are mapped, and so unmapped, whole: st_blksize is the memory's page size.
   const auto page = static_cast<uint64_t>(st.st_blksize > 0 ? st.st_blksize : 4096);
-  const size_t length = (size + page - 1) / page * page;
+  const uint64_t length = (size + page - 1) / page * page;
+  if (held() >= mLimits.maxMemories || room.memories == 0 ||
+      size > mLimits.maxBytes - mBytes - mStagedBytes || length > room.length) {
+    return -ENOSPC;
+  }
+
   bool writable = true;
   void* addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (addr == MAP_FAILED && (errno == EPERM || errno == EACCES)) {
@@ -55,8 +60,7 @@ int ClientTable::admit(const Record& record, host::UniqueFd fd, bool fits, Memor
   return 0;
 }
 
-int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd>& fds,
-                              size_t room) {
+int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room) {
   const bool continues = (request.flags & kContinue) != 0;
   if (fds.size() != request.records.size() || (continues && !mBatchOpen)) {
     abandonBatch();
@@ -67,17 +71,17 @@ int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd
     mBatch = request.seq;
   }
   for (size_t i = 0; i < request.records.size(); ++i) {
-    const auto size = static_cast<uint64_t>(request.records[i].size);
-    const bool fits = held() < mLimits.maxMemories && i < room &&
-                      size <= mLimits.maxBytes - mBytes - mStagedBytes;
     Memory memory;
-    const int err = admit(request.records[i], std::move(fds[i]), fits, &memory);
+    const int err = admit(request.records[i], std::move(fds[i]), room, &memory);
     if (err != 0) {
       abandonBatch();
       return err;
     }
     // Staged at once, so that a handle repeated within the message is seen as taken.
+    room.memories -= 1;
+    room.length -= memory.mapping.size();
     mStagedBytes += memory.size;
+    mLength += memory.mapping.size();
     mStaged.push_back(std::move(memory));
   }
   if ((request.flags & kMore) != 0) {
@@ -94,13 +98,20 @@ int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd
   return 0;
 }
 
+void ClientTable::release(Memory&& memory) {
+  mLength -= memory.mapping.size();
+  mReleased.push_back(std::move(memory));
+}
+
 void ClientTable::abandonBatch() {
+  for (Memory& memory : mStaged) release(std::move(memory));
   mStaged.clear();
   mStagedBytes = 0;
   mBatchOpen = false;
 }
 
 void ClientTable::clear() {
+  for (auto& [handle, memory] : mMemories) release(std::move(memory));
   mMemories.clear();
   mBytes = 0;
   abandonBatch();
@@ -114,6 +125,7 @@ size_t ClientTable::cancel(uint32_t batch) {
       continue;
     }
     mBytes -= it->second.size;
+    release(std::move(it->second));
     it = mMemories.erase(it);
     ++undone;
   }
@@ -129,6 +141,7 @@ int ClientTable::deregister(const std::vector<int32_t>& handles) {
       continue;
     }
     mBytes -= found->second.size;
+    release(std::move(found->second));
     mMemories.erase(found);
   }
   return result;

@@ -44,7 +44,9 @@ struct PeerServer::Connection {
   ClientTable table;
   LongCommand command;
   std::vector<uint8_t> unsent;  // an answer the client's socket had no room for
-  Clock::time_point since;      // of the last request, answer taken or batch part
+  Clock::time_point since;      // of the last request other than a query, answer taken
+  uint64_t served = 0;          // the round of its last turn
+  short revents = 0;            // what poll saw this round
 };
 
 }  // namespace peer

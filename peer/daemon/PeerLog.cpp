@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -21,6 +22,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// The allowance of one kind of line: a bucket of kLogBurst lines, refilled at kLogRate a second.
+struct Allowance {
+  double lines = kLogBurst;
+  Clock::time_point filled = Clock::now();
+  unsigned long suppressed = 0;
+};
+
 struct LogState {
   int fd = -1;          // where lines go: stderr, or a non-blocking reopening of it
   bool socket = false;  // stderr is a socket: sent with MSG_DONTWAIT
@@ -29,7 +37,12 @@ struct LogState {
   char lastLevel = 0;
   std::string last;
   Clock::time_point reported;
+  Allowance kinds[4];  // by LogKind
 };
+
+// What the lines of each LogKind are about.
+const char* const kKindTexts[] = {"clients connecting", "clients disconnecting", "clients refused",
+                                  "registrations given up"};
 
 LogState& state() {
   static LogState* log = [] {
@@ -57,7 +70,7 @@ void emit(LogState& log, char level, const char* text) {
 }
 
 void report(LogState& log) {
-  char text[128];
+  char text[160];
   if (log.repeats != 0) {
     snprintf(text, sizeof(text), "(the line before was repeated %lu more times)", log.repeats);
     log.repeats = 0;
@@ -71,18 +84,27 @@ void report(LogState& log) {
     emit(log, 'W', text);
     if (log.dropped != 0) log.dropped += dropped;  // still blocked: keep counting
   }
+  for (Allowance& kind : log.kinds) {
+    if (kind.suppressed == 0) continue;
+    snprintf(text, sizeof(text), "suppressed %lu lines about %s: at most %d a second are logged",
+             kind.suppressed, kKindTexts[&kind - log.kinds], kLogRate);
+    kind.suppressed = 0;
+    emit(log, 'W', text);
+  }
   log.reported = Clock::now();
 }
 
-}  // namespace
+bool reportDue(const LogState& log) {
+  if (log.repeats != 0 || log.dropped != 0) return true;
+  for (const Allowance& kind : log.kinds) {
+    if (kind.suppressed != 0) return true;
+  }
+  return false;
+}
 
-void peerLog(char level, const char* format, ...) {
+void add(LogState& log, char level, const char* format, va_list ap) {
   char text[1024];
-  va_list ap;
-  va_start(ap, format);
   vsnprintf(text, sizeof(text), format, ap);
-  va_end(ap);
-  LogState& log = state();
   if (level == log.lastLevel && log.last == text) {
     ++log.repeats;
     return;
@@ -93,10 +115,40 @@ void peerLog(char level, const char* format, ...) {
   emit(log, level, text);
 }
 
+}  // namespace
+
+void peerLog(char level, const char* format, ...) {
+  va_list ap;
+  va_start(ap, format);
+  add(state(), level, format, ap);
+  va_end(ap);
+}
+
+void peerLog(LogKind kind, char level, const char* format, ...) {
+  LogState& log = state();
+  Allowance& allowance = log.kinds[static_cast<int>(kind)];
+  const Clock::time_point now = Clock::now();
+  const std::chrono::duration<double> passed = now - allowance.filled;
+  allowance.lines = std::min<double>(kLogBurst, allowance.lines + passed.count() * kLogRate);
+  allowance.filled = now;
+  if (allowance.lines < 1) {
+    ++allowance.suppressed;
+    return;
+  }
+  allowance.lines -= 1;
+  va_list ap;
+  va_start(ap, format);
+  add(log, level, format, ap);
+  va_end(ap);
+}
+
+std::string counted(size_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 void flushPeerLog() {
   LogState& log = state();
-  if ((log.repeats != 0 || log.dropped != 0) &&
-      Clock::now() - log.reported >= std::chrono::seconds(1)) {
+  if (reportDue(log) && Clock::now() - log.reported >= std::chrono::seconds(1)) {
     report(log);
     log.last.clear();  // what comes next is not a repeat of a line now summarised
   }
@@ -107,10 +159,7 @@ void setPeerLogFile(int fd) {
   state().socket = false;
 }
 
-bool peerLogPending() {
-  const LogState& log = state();
-  return log.repeats != 0 || log.dropped != 0;
-}
+bool peerLogPending() { return reportDue(state()); }
 
 }  // namespace peer
 }  // namespace vrocam

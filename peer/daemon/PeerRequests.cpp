@@ -29,25 +29,25 @@ const char* PeerServer::serve(Connection& connection) {
   if (size == 0 && received.fds.empty() && connectionEnded(connection.sock.get())) {
     return "disconnected";
   }
-  connection.since = Clock::now();
 
   Request& request = mRequest;
   int status = decodeRequest(mIn.get(), static_cast<size_t>(size), received.fds.size(), &request);
   if (received.truncated) status = -EMSGSIZE;
   if (received.fdsTruncated) status = -EMFILE;
+  // A query (holdings, status) leaves an open batch, and the time it has left, as they were.
+  const bool query =
+      status == 0 && (request.kind == Kind::Holdings || request.kind == Kind::Status);
+  if (!query) connection.since = Clock::now();
   if (!connection.joined && !(status == 0 && request.kind == Kind::Status) && !join(connection)) {
     received.fds.clear();
     drop(connection, "refused", -EUSERS);
     return nullptr;
   }
-  ClientTable& table = connection.table;
-  if (status != 0 || request.kind != Kind::Register) {
-    mHeld -= table.staged();
-    table.abandonBatch();
-  }
+  if (!query && (status != 0 || request.kind != Kind::Register)) connection.table.abandonBatch();
   Answer answer;
   if (status == 0) status = handle(connection, request, received.fds, answer);
   received.fds.clear();  // whatever the table did not keep is closed now
+  reap(connection);
   if (status == 1) return advance(connection);
   answer.kind = kAnswer | static_cast<uint16_t>(request.kind);
   answer.seq = request.seq;
@@ -58,17 +58,15 @@ const char* PeerServer::serve(Connection& connection) {
 int PeerServer::handle(Connection& connection, const Request& request, std::vector<UniqueFd>& fds,
                        Answer& answer) {
   ClientTable& table = connection.table;
-  const size_t before = table.held();
   int status = 0;
   switch (request.kind) {
     case Kind::Ping:
       break;
-    case Kind::Register: {
+    case Kind::Register:
       if ((request.flags & kContinue) == 0) table.abandonBatch();
-      const size_t held = mHeld - before + table.held();
-      status = table.registerPart(request, fds, mBudget > held ? mBudget - held : 0);
+      reap(connection);
+      status = table.registerPart(request, fds, room());
       break;
-    }
     case Kind::Deregister:
       status = table.deregister(request.handles);
       break;
@@ -93,10 +91,9 @@ int PeerServer::handle(Connection& connection, const Request& request, std::vect
       const uint64_t bytes = table.bytes();
       const size_t undone = table.cancel(request.batch);
       if (undone != 0) {
-        peerLog('I',
-                "client pid %d uid %u gave up on a registration: released %zu memories (%llu "
-                "bytes)",
-                connection.pid, connection.uid, undone,
+        peerLog(LogKind::Undone, 'I',
+                "client pid %d uid %u gave up on a registration: released %s (%llu bytes)",
+                connection.pid, connection.uid, counted(undone, "memory", "memories").c_str(),
                 static_cast<unsigned long long>(bytes - table.bytes()));
       }
       status = undone != 0 ? 0 : -ENOENT;
@@ -106,7 +103,6 @@ int PeerServer::handle(Connection& connection, const Request& request, std::vect
       status = -EOPNOTSUPP;
       break;
   }
-  mHeld = mHeld - before + table.held();
   return status;
 }
 

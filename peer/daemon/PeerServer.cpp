@@ -12,8 +12,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <new>
 
-#include "Budget.h"
 #include "Connection.h"
 #include "PeerLog.h"
 
@@ -42,18 +43,24 @@ int makeDirectories(const std::string& path, std::vector<std::string>* made) {
   }
 }
 
+// The same file: the directory at a path still the one opened.
+bool same(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 }  // namespace
 
 PeerServer::PeerServer(const ServerLimits& limits)
-    : mLimits(limits),
-      mBudget(limits.maxMemories != 0 ? limits.maxMemories : SIZE_MAX),
-      mIn(new uint8_t[kMaxMessage]),
-      mOut(new uint8_t[kMaxMessage]) {}
+    : mLimits(limits), mIn(new uint8_t[kMaxMessage]), mOut(new uint8_t[kMaxMessage]) {
+  // Until listen() plans the budgets, as given (a server that only adopts connections).
+  mBudget.memories = limits.maxMemories != 0 ? limits.maxMemories : SIZE_MAX;
+  mBudget.addressSpace = limits.maxAddressSpace != 0 ? limits.maxAddressSpace : UINT64_MAX;
+  mShare = shareOf(limits.perClient, mBudget, limits.maxClients);
+}
 
 PeerServer::~PeerServer() {
   const size_t memories = this->memories();
   const size_t clients = this->clients();
-  mConnections.clear();
   struct stat st {};
   if (!mPath.empty() && lstat(mPath.c_str(), &st) == 0 && st.st_ino == mInode) {
     unlink(mPath.c_str());
@@ -61,7 +68,15 @@ PeerServer::~PeerServer() {
   for (auto dir = mMadeDirectories.rbegin(); dir != mMadeDirectories.rend(); ++dir) {
     rmdir(dir->c_str());  // only when empty: what others put there stays
   }
-  if (mListen) peerLog('I', "stopped: released %zu memories of %zu clients", memories, clients);
+  for (const auto& connection : mConnections) {
+    connection->command = LongCommand();
+    connection->table.clear();
+    reap(*connection);
+  }
+  if (mListen) {
+    peerLog('I', "stopped: released %s of %s", counted(memories, "memory", "memories").c_str(),
+            counted(clients, "client", "clients").c_str());
+  }
 }
 
 size_t PeerServer::clients() const {
@@ -76,7 +91,67 @@ size_t PeerServer::memories() const {
   return total;
 }
 
-int PeerServer::listen(const std::string& path) {
+size_t PeerServer::held() const {
+  size_t total = mReaper.memories();
+  for (const auto& connection : mConnections) total += connection->table.held();
+  return total;
+}
+
+Room PeerServer::room() const {
+  uint64_t length = mReaper.length();
+  for (const auto& connection : mConnections) length += connection->table.length();
+  const size_t held = this->held();
+  return Room{mBudget.memories > held ? mBudget.memories - held : 0,
+              mBudget.addressSpace > length ? mBudget.addressSpace - length : 0};
+}
+
+void PeerServer::reap(Connection& connection) {
+  // Small memories go at once, up to kInlineFree a round, so that what a client let go of is free
+  // for its next request; the rest goes to the reaper.
+  std::vector<Memory> released = connection.table.takeReleased();
+  std::vector<Memory> later;
+  for (Memory& memory : released) {
+    const size_t length = memory.mapping.size();
+    if (length > kInlineFree - mFreedInline) {
+      later.push_back(std::move(memory));
+    } else {
+      mFreedInline += length;
+    }
+  }
+  mReaper.take(std::move(later));
+}  // what stayed in released is unmapped and closed here
+
+int PeerServer::openDirectory(const std::string& dir, UniqueFd* out) {
+  const size_t madeBefore = mMadeDirectories.size();
+  const int err = makeDirectories(dir, &mMadeDirectories);
+  if (err != 0) return err;
+  if (mMadeDirectories.size() > madeBefore) {
+    out->reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return *out ? 0 : -errno;
+  }
+  // It was there: another user must not be able to swap the socket in it, or the directory.
+  struct stat st {};
+  std::string problem;
+  if (lstat(dir.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    problem = "is a symbolic link";
+  } else {
+    out->reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!*out || fstat(out->get(), &st) != 0) return -errno;
+    if (st.st_uid != geteuid() && st.st_uid != 0) {
+      problem = "belongs to uid " + std::to_string(st.st_uid);
+    } else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      char mode[64];
+      snprintf(mode, sizeof(mode), "can be written by others (mode %04o)", st.st_mode & 07777);
+      problem = mode;
+    }
+  }
+  if (problem.empty()) return 0;
+  peerLog('E', "cannot serve in %s: the directory %s; use one that only this user can write to",
+          dir.c_str(), problem.c_str());
+  return -EPERM;
+}
+
+int PeerServer::listen(const std::string& path, int stopFd) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(addr.sun_path)) return -ENAMETOOLONG;
@@ -85,15 +160,25 @@ int PeerServer::listen(const std::string& path) {
   const std::string dir = slash == std::string::npos ? "."
                           : slash == 0               ? "/"
                                                      : path.substr(0, slash);
-  int err = makeDirectories(dir, &mMadeDirectories);
-  UniqueFd lock(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (err == 0 && !lock) err = -errno;
+  UniqueFd lock;
+  int err = openDirectory(dir, &lock);
   // Peers that start together take turns in the directory: one that binds has listened before
-  // the next one looks, so the next one finds it serving, not a stale socket to replace.
-  while (err == 0 && flock(lock.get(), LOCK_EX) != 0) {
-    if (errno != EINTR) err = -errno;
+  // the next one looks, so the next one finds it serving, not a stale socket to replace. A lock
+  // that stays taken ends the wait, and so does a stop.
+  const Deadline deadline = after(kLockWaitMs);
+  while (err == 0 && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) {
+      err = -errno;
+    } else if (Clock::now() >= deadline) {
+      peerLog('E', "cannot serve %s: another process has held the lock of %s for %s", path.c_str(),
+              dir.c_str(), duration(std::chrono::milliseconds(kLockWaitMs)).c_str());
+      err = -ETIMEDOUT;
+    } else if (pollfd stop{stopFd, POLLIN, 0}; poll(&stop, 1, 10) > 0) {
+      err = -EINTR;
+    }
   }
-  const Budget budget = planBudget(mLimits.maxClients, mLimits.maxMemories);
+  const Budget budget =
+      planBudget(mLimits.maxClients, mLimits.maxMemories, mLimits.maxAddressSpace);
   if (err == 0 && budget.memories == 0) {
     peerLog('E', "cannot serve %s: %s", path.c_str(), budget.shortfall.c_str());
     err = -EMFILE;
@@ -116,33 +201,42 @@ int PeerServer::listen(const std::string& path) {
     // Nobody serves the socket any more: it was left by a peer that did not stop cleanly.
     if (unlink(path.c_str()) != 0 || bind(sock.get(), name, sizeof(addr)) != 0) return -errno;
   }
-  struct stat st {};
+  struct stat st {
+  }, opened{}, named{};
   if (::listen(sock.get(), 64) != 0 || lstat(path.c_str(), &st) != 0) {
     err = -errno;
     unlink(path.c_str());
     return err;
   }
+  if (fstat(lock.get(), &opened) != 0 || stat(dir.c_str(), &named) != 0 || !same(opened, named)) {
+    peerLog('E', "cannot serve %s: its directory was replaced while the peer started",
+            path.c_str());
+    return -EPERM;
+  }
   mReserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
   mListen = std::move(sock);
   mPath = path;
   mInode = st.st_ino;
-  mBudget = budget.memories;
-  peerLog('I', "serving %s (per client at most %u memories and %llu bytes; at most %u clients)",
-          path.c_str(), mLimits.perClient.maxMemories,
-          static_cast<unsigned long long>(mLimits.perClient.maxBytes), mLimits.maxClients);
+  mBudget = budget;
+  mShare = shareOf(mLimits.perClient, budget, mLimits.maxClients);
+  peerLog('I', "serving %s (per client at most %s and %llu bytes; at most %s)", path.c_str(),
+          counted(mShare.maxMemories, "memory", "memories").c_str(),
+          static_cast<unsigned long long>(mShare.maxBytes),
+          counted(mLimits.maxClients, "client", "clients").c_str());
   peerLog('I',
-          "budget: at most %zu memories in all (descriptor limit %zu, mapping limit %zu); an idle "
-          "client holding nothing gives up its slot after %s; an unfinished batch or an untaken "
-          "answer is dropped after %s",
-          mBudget, budget.descriptors, budget.mappings, duration(mLimits.idleTimeout).c_str(),
-          duration(mLimits.batchTimeout).c_str());
+          "budget: at most %zu memories in all (descriptor limit %zu, mapping limit %zu) and %llu "
+          "bytes of address space; an idle client holding nothing gives up its slot after %s; an "
+          "unfinished batch or an untaken answer is dropped after %s",
+          mBudget.memories, budget.descriptors, budget.mappings,
+          static_cast<unsigned long long>(mBudget.addressSpace),
+          duration(mLimits.idleTimeout).c_str(), duration(mLimits.batchTimeout).c_str());
   return 0;
 }
 
 void PeerServer::adopt(UniqueFd sock, pid_t pid, uid_t uid) {
   fcntl(sock.get(), F_SETFL, fcntl(sock.get(), F_GETFL) | O_NONBLOCK);
   mConnections.push_back(
-      std::make_unique<Connection>(std::move(sock), pid, uid, mNextSerial++, mLimits.perClient));
+      std::make_unique<Connection>(std::move(sock), pid, uid, mNextSerial++, mShare));
   mConnections.back()->since = Clock::now();
 }
 
@@ -167,6 +261,17 @@ int PeerServer::waitMs(Clock::time_point now) const {
   return ms <= 0 ? 0 : static_cast<int>(std::min<long long>(ms, 60000));
 }
 
+const char* PeerServer::turn(Connection& connection) {
+  connection.served = mRound;
+  try {
+    return connection.command.memory != nullptr ? advance(connection) : serve(connection);
+  } catch (const std::bad_alloc&) {
+    // Nothing of the request was kept; the client is told, and what it holds is freed.
+    drop(connection, "dropped: the peer ran out of memory serving it", -ENOMEM);
+    return nullptr;
+  }
+}
+
 int PeerServer::round(int stopFd, int waitMs) {
   std::vector<pollfd> polled;
   polled.push_back(pollfd{mListen.get(), POLLIN, 0});
@@ -182,12 +287,13 @@ int PeerServer::round(int stopFd, int waitMs) {
   if (poll(polled.data(), polled.size(), timeout) < 0) return errno == EINTR ? 1 : -errno;
   if (polled[1].revents != 0) return 0;
   const Clock::time_point now = Clock::now();
-  // Each client gets at most one request or one slice per round, so that none waits on another.
-  // The newest come first: a client that ended before an older one's request is dropped before
-  // that request is answered.
+  ++mRound;
+  mFreedInline = 0;
+  // First the connections that ended, the newest first, and the answers that wait for room: a
+  // client that ended before an older one's request is dropped before that request is answered.
   for (size_t i = mConnections.size(); i-- > 0;) {
     Connection& connection = *mConnections[i];
-    const short events = polled[i + 2].revents;
+    const short events = connection.revents = polled[i + 2].revents;
     const char* why = nullptr;
     if (connection.gone) continue;
     if ((events & (POLLERR | POLLNVAL)) != 0 || (events & (POLLHUP | POLLIN)) == POLLHUP) {
@@ -198,12 +304,20 @@ int PeerServer::round(int stopFd, int waitMs) {
           now - connection.since >= mLimits.batchTimeout) {
         why = "dropped: it left its answer untaken too long";
       }
-    } else if (connection.command.memory != nullptr) {
-      why = advance(connection);
-    } else if ((events & POLLIN) != 0) {
-      why = serve(connection);
     }
     if (why != nullptr) drop(connection, why, 0);
+  }
+  // Then each client process gets one turn, however many connections it has: the one of them
+  // with something to do that had its turn longest ago.
+  std::map<std::pair<uid_t, pid_t>, Connection*> turns;
+  for (const auto& connection : mConnections) {
+    const bool ready = connection->command.memory != nullptr || (connection->revents & POLLIN);
+    if (connection->gone || !connection->unsent.empty() || !ready) continue;
+    Connection*& chosen = turns[{connection->uid, connection->pid}];
+    if (chosen == nullptr || connection->served < chosen->served) chosen = connection.get();
+  }
+  for (const auto& [process, connection] : turns) {
+    if (const char* why = turn(*connection)) drop(*connection, why, 0);
   }
   expireBatches(now);
   mConnections.erase(std::remove_if(mConnections.begin(), mConnections.end(),
@@ -219,13 +333,13 @@ void PeerServer::expireBatches(Clock::time_point now) {
     ClientTable& table = connection->table;
     if (!table.batchOpen() || now - connection->since < mLimits.batchTimeout) continue;
     peerLog('W',
-            "client pid %d uid %u: dropped an unfinished batch of %zu memories (%llu bytes): its "
-            "next part did not come within %s",
-            connection->pid, connection->uid, table.staged(),
+            "client pid %d uid %u: dropped an unfinished batch of %s (%llu bytes): its next part "
+            "did not come within %s",
+            connection->pid, connection->uid, counted(table.staged(), "memory", "memories").c_str(),
             static_cast<unsigned long long>(table.stagedBytes()),
             duration(mLimits.batchTimeout).c_str());
-    mHeld -= table.staged();
     table.abandonBatch();
+    reap(*connection);
   }
 }
 
@@ -247,7 +361,7 @@ void PeerServer::accept() {
       mReserve.reset();
       refuse(UniqueFd(accept4(mListen.get(), nullptr, nullptr, SOCK_CLOEXEC)), -EMFILE);
       mReserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
-      peerLog('W', "refused a client: out of descriptors");
+      peerLog(LogKind::Refused, 'W', "refused a client: out of descriptors");
     }
     return;
   }
@@ -255,13 +369,13 @@ void PeerServer::accept() {
   socklen_t length = sizeof(cred);
   if (getsockopt(sock.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) != 0) return;
   if (cred.uid != geteuid() && cred.uid != 0) {
-    peerLog('W', "refused client pid %d uid %u: neither the peer's uid nor root", cred.pid,
-            cred.uid);
+    peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: neither the peer's uid nor root",
+            cred.pid, cred.uid);
     return refuse(std::move(sock), -EACCES);
   }
   if (mConnections.size() >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
-    peerLog('W', "refused client pid %d uid %u: already %zu clients", cred.pid, cred.uid,
-            clients());
+    peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", cred.pid, cred.uid,
+            counted(clients(), "client", "clients").c_str());
     return refuse(std::move(sock), -EUSERS);
   }
   adopt(std::move(sock), cred.pid, cred.uid);
@@ -269,12 +383,13 @@ void PeerServer::accept() {
 
 bool PeerServer::join(Connection& connection) {
   if (clients() >= mLimits.maxClients && !reclaimIdleSlot()) {
-    peerLog('W', "refused client pid %d uid %u: already %zu clients", connection.pid,
-            connection.uid, clients());
+    peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", connection.pid,
+            connection.uid, counted(clients(), "client", "clients").c_str());
     return false;
   }
   connection.joined = true;
-  peerLog('I', "client pid %d uid %u connected", connection.pid, connection.uid);
+  peerLog(LogKind::Connected, 'I', "client pid %d uid %u connected", connection.pid,
+          connection.uid);
   return true;
 }
 
@@ -282,8 +397,8 @@ bool PeerServer::reclaimIdleSlot() {
   const Clock::time_point now = Clock::now();
   Connection* idlest = nullptr;
   for (const auto& connection : mConnections) {
-    if (connection->gone || connection->busy() ||
-        connection->table.held() != 0 || now - connection->since < mLimits.idleTimeout) {
+    if (connection->gone || connection->busy() || connection->table.held() != 0 ||
+        now - connection->since < mLimits.idleTimeout) {
       continue;
     }
     if (idlest == nullptr || connection->since < idlest->since) idlest = connection.get();
@@ -294,23 +409,23 @@ bool PeerServer::reclaimIdleSlot() {
 }
 
 void PeerServer::drop(Connection& gone, const char* why, int reason) {
-  const ClientTable& table = gone.table;
+  ClientTable& table = gone.table;
   if (gone.joined) {
-    char staged[96] = "";
+    std::string staged;
     if (table.staged() != 0) {
-      snprintf(staged, sizeof(staged), " and %zu staged (%llu bytes)", table.staged(),
-               static_cast<unsigned long long>(table.stagedBytes()));
+      staged = " and " + std::to_string(table.staged()) + " staged (" +
+               std::to_string(table.stagedBytes()) + " bytes)";
     }
-    peerLog('I', "client pid %d uid %u %s: released %zu memories (%llu bytes)%s", gone.pid,
-            gone.uid, why, table.memories().size(), static_cast<unsigned long long>(table.bytes()),
-            staged);
+    peerLog(LogKind::Disconnected, 'I', "client pid %d uid %u %s: released %s (%llu bytes)%s",
+            gone.pid, gone.uid, why, counted(table.memories().size(), "memory", "memories").c_str(),
+            static_cast<unsigned long long>(table.bytes()), staged.c_str());
   }
   if (reason != 0) refuse(std::move(gone.sock), reason);
-  mHeld -= table.held();
   gone.gone = true;
   gone.joined = false;
   gone.command = LongCommand();
-  gone.table.clear();
+  table.clear();
+  reap(gone);
   gone.sock.reset();
 }
 

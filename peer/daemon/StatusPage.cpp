@@ -33,9 +33,17 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
   StatusCursor at = from;
   answer.more = true;
   if (at.client == 0 && at.after == StatusCursor::kClientLine) {
-    add(page,
-        StringPrintf("peer pid %d: %zu of at most %u clients; %zu of at most %zu memories in all\n",
-                     static_cast<int>(getpid()), clients(), mLimits.maxClients, mHeld, mBudget));
+    add(page, StringPrintf("peer pid %d: %zu of at most %u clients; %zu of at most %zu memories in "
+                           "all (%zu being freed); %llu of at most %llu bytes of address space\n",
+                           static_cast<int>(getpid()), clients(), mLimits.maxClients, held(),
+                           mBudget.memories, mReaper.memories(),
+                           static_cast<unsigned long long>(mBudget.addressSpace - room().length),
+                           static_cast<unsigned long long>(mBudget.addressSpace)));
+    add(page, StringPrintf("per client: at most %u memories and %llu bytes; idle timeout %lld ms; "
+                           "batch timeout %lld ms\n",
+                           mShare.maxMemories, static_cast<unsigned long long>(mShare.maxBytes),
+                           static_cast<long long>(mLimits.idleTimeout.count()),
+                           static_cast<long long>(mLimits.batchTimeout.count())));
   }
   // The clients from the cursor on, in the order they came; the asking one, and any that only
   // asked for the status, hold nothing of interest.

@@ -21,7 +21,7 @@ class LeakGuard {
 
   // Fails the current test, naming every descriptor target open more often than at the snapshot
   // (sockets count alike, whatever their inode: a reconnection is no leak), and every memfd
-  // mapping that was not there.
+  // mapping that was not there. Another process gets a few seconds to let go of what it holds.
   void expectNoLeaks() const;
 
  private:

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // ClientTable: the memories that one client connection registered with the peer, each with the
 // descriptor it sent and the peer's own shared mapping of it, and the parts of a batch not yet
-// committed. Dropping the table (or a record) unmaps and closes.
+// committed. What the table lets go of stays mapped and open until its caller takes it to free it
+// (takeReleased); dropping the table unmaps and closes whatever it still holds.
 #pragma once
 
 #include <cstddef>
@@ -36,28 +37,36 @@ struct Memory {
   uint32_t batch = 0;     // seq of the first part of the batch that registered it
 };
 
+// How much more the peer as a whole may hold: memories (each a descriptor and a mapping), and
+// address space for their mappings.
+struct Room {
+  size_t memories = 0;
+  uint64_t length = 0;
+};
+
 class ClientTable {
  public:
   explicit ClientTable(const Limits& limits) : mLimits(limits) {}
 
-  // One Register message, its records with their descriptors in order; room: how many more
-  // memories the peer as a whole may hold. Every record is checked and mapped; then the part is
-  // staged (kMore) or committed together with the staged parts. All or nothing: on failure
-  // nothing of the message or of its batch is kept. 0, or the first failing record's error:
-  // -EINVAL (size 0 or negative), -EBADF (no descriptor), -ENODEV (not a memfd), -EPERM (not
-  // sealed against shrinking), -EOVERFLOW (smaller than the size), -EEXIST (handle already
-  // registered), -ENOSPC (beyond the limits or the room), -EPROTO (a continuation of no batch) or
-  // mmap's error.
-  int registerPart(const Request& request, std::vector<host::UniqueFd>& fds, size_t room);
+  // One Register message, its records with their descriptors in order, within what room leaves.
+  // Every record is checked and mapped; then the part is staged (kMore) or committed together
+  // with the staged parts. All or nothing: on failure nothing of the message or of its batch is
+  // kept. 0, or the first failing record's error: -EINVAL (size 0 or negative), -EBADF (no
+  // descriptor), -ENODEV (not a memfd), -EPERM (not sealed against shrinking), -EOVERFLOW (smaller
+  // than the size), -EEXIST (handle already registered), -ENOSPC (beyond the limits or the room),
+  // -EPROTO (a continuation of no batch) or mmap's error.
+  int registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room);
   // Drops a batch whose last part has not come.
   void abandonBatch();
   // Undoes the committed batch whose first part had seq batch: the number of memories unmapped
   // and closed (0 when it holds none of them).
   size_t cancel(uint32_t batch);
-  // Unmaps and closes every memory, staged ones included.
+  // Lets go of every memory, staged ones included.
   void clear();
-  // Unmaps and closes each memory named; 0, or -ENOENT when one of them was unknown.
+  // Lets go of each memory named; 0, or -ENOENT when one of them was unknown.
   int deregister(const std::vector<int32_t>& handles);
+  // What the table let go of since the last call, still mapped and open: the caller frees it.
+  std::vector<Memory> takeReleased() { return std::move(mReleased); }
 
   // The registered memory of handle, or null.
   const Memory* find(int32_t handle) const;
@@ -68,10 +77,13 @@ class ClientTable {
   bool batchOpen() const { return mBatchOpen; }
   // Memories held, committed or staged: each costs the peer a descriptor and a mapping.
   size_t held() const { return mMemories.size() + mStaged.size(); }
+  // The address space that their mappings take.
+  uint64_t length() const { return mLength; }
 
  private:
-  int admit(const Record& record, host::UniqueFd fd, bool fits, Memory* out) const;
+  int admit(const Record& record, host::UniqueFd fd, const Room& room, Memory* out) const;
   bool taken(int32_t handle) const;
+  void release(Memory&& memory);
 
   const Limits mLimits;
   std::map<int32_t, Memory> mMemories;
@@ -80,6 +92,8 @@ class ClientTable {
   uint64_t mStagedBytes = 0;
   bool mBatchOpen = false;
   uint32_t mBatch = 0;  // seq of the open batch's first part
+  uint64_t mLength = 0;
+  std::vector<Memory> mReleased;
 };
 
 }  // namespace peer

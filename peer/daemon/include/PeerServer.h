@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // PeerServer: the peer process's side of the IPC link. It listens on an AF_UNIX SOCK_SEQPACKET
 // socket and serves every client of its own uid or root's from one thread, fairly: each round
-// gives each client at most one request or one slice of a long command (about a megabyte of its
-// memory, or one page of status), so no client waits on another's work. It keeps each client's
-// memories in a ClientTable, frees them when the client goes, and holds what it holds within
-// budgets: client slots, memories in all (each a descriptor and a mapping), time a batch may stay
-// unfinished, time an answer may stay untaken.
+// gives each client process (however many connections it has) at most one request or one slice of
+// a long command (about a megabyte of its memory, or one page of status), so no client waits on
+// another's work. It keeps each connection's memories in a ClientTable and hands what a client
+// lets go of to a Reaper thread that unmaps and closes it. It holds what it holds within budgets:
+// client slots, memories in all (each a descriptor and a mapping), the address space of their
+// mappings, each client's share of them, time a batch may stay unfinished, time an answer may stay
+// untaken.
 //
-// Locking: none. One thread runs everything (listen, adopt, run and the destructor); another
-// thread may only make stopFd readable.
+// Locking: none of its own. One thread runs everything (listen, adopt, run and the destructor);
+// another thread may only make stopFd readable. The Reaper locks what it shares with this thread.
 #pragma once
 
 #include <sys/types.h>
@@ -20,20 +22,25 @@
 #include <string>
 #include <vector>
 
+#include "Budget.h"
 #include "ClientTable.h"
 #include "Packet.h"
 #include "PeerWire.h"
+#include "Reaper.h"
 #include "UniqueFd.h"
 
 namespace vrocam {
 namespace peer {
 
 struct ServerLimits {
-  Limits perClient;
+  // What one client may hold; where 0, its share of the totals (shareOf in Budget.h).
+  Limits perClient{0, 0};
   uint32_t maxClients = 64;
-  // Memories of all clients together, staged ones included; 0: as many as the descriptor limit
-  // and the kernel's mapping limit leave room for.
+  // Memories of all clients together, staged ones and those being freed included; 0: as many as
+  // the descriptor limit and the kernel's mapping limit leave room for.
   uint32_t maxMemories = 0;
+  // Address space of the mappings of all clients' memories; 0: half of what the machine allows.
+  uint64_t maxAddressSpace = 0;
   // A connection idle this long that holds nothing gives up its slot to a new client.
   std::chrono::milliseconds idleTimeout{30000};
   // A batch whose next part does not come within this time is dropped; so is a client that
@@ -44,18 +51,23 @@ struct ServerLimits {
 class PeerServer {
  public:
   explicit PeerServer(const ServerLimits& limits);
-  // Unmaps and closes everything, and removes the socket file if it is still this server's, and
-  // the directories listen() made for it if they are empty.
+  // Removes the socket file if it is still this server's, and the directories listen() made for
+  // it if they are empty; then unmaps and closes everything.
   ~PeerServer();
   PeerServer(const PeerServer&) = delete;
   PeerServer& operator=(const PeerServer&) = delete;
 
   // Creates the socket at path with mode 0600 (never wider, whatever the umask), and its
-  // directory with mode 0700 when missing, plans the budget of memories and listens. A stale
-  // socket file that nobody serves is replaced. 0, or a negative errno (logged): -EADDRINUSE when
-  // a peer serves there already, -EEXIST when path is something other than a socket, -EMFILE when
-  // the descriptor limit leaves no room for memories.
-  int listen(const std::string& path);
+  // directory with mode 0700 when missing, plans the budgets and listens. An existing directory is
+  // used only when it belongs to this user or root, is no symbolic link and nobody else may write
+  // to it. Peers starting together take turns in the directory, each waiting at most kLockWaitMs.
+  // A stale socket file that nobody serves is replaced. 0, or a negative errno: -EADDRINUSE when a
+  // peer serves there already, -EEXIST when path is something other than a socket; with why
+  // logged, -EPERM for a directory not to be used, -ETIMEDOUT when the directory stayed locked,
+  // -EMFILE when the descriptor limit leaves no room for memories; -EINTR when stopFd became
+  // readable meanwhile.
+  int listen(const std::string& path, int stopFd = -1);
+  static constexpr int kLockWaitMs = 2000;
   // Serves until stopFd (-1: none) becomes readable. 0, or a negative errno if polling failed.
   int run(int stopFd);
   // Serves an already connected socket as a client of pid and uid (for in-process use).
@@ -69,9 +81,11 @@ class PeerServer {
   size_t clients() const;
   static constexpr size_t kVisitors = 4;
   size_t memories() const;
-  // Memories held in all, staged ones included, and how many may be held.
-  size_t held() const { return mHeld; }
-  size_t budget() const { return mBudget; }
+  // Memories held in all, staged ones and those being freed included, and how many may be held.
+  size_t held() const;
+  size_t budget() const { return mBudget.memories; }
+  // Waits until everything that clients let go of is unmapped and closed.
+  void settle() { mReaper.drain(); }
 
   struct Connection;
 
@@ -102,10 +116,18 @@ class PeerServer {
   void statusPage(const Connection& asking, const StatusCursor& from, Answer& answer) const;
   void expireBatches(Clock::time_point now);
   int waitMs(Clock::time_point now) const;
+  // Opens the socket's directory into *out, made or checked (see listen): 0, or a negative errno.
+  int openDirectory(const std::string& dir, UniqueFd* out);
+  // Hands what the connection's table let go of to the reaper.
+  void reap(Connection& connection);
+  // What the peer may still take in: memories and address space.
+  Room room() const;
+  // One request or slice of the connection's; null, or why the connection is to end.
+  const char* turn(Connection& connection);
 
   const ServerLimits mLimits;
-  size_t mBudget;
-  size_t mHeld = 0;
+  Budget mBudget;
+  Limits mShare;  // what one client may hold
   std::string mPath;
   std::vector<std::string> mMadeDirectories;
   ino_t mInode = 0;
@@ -113,11 +135,18 @@ class PeerServer {
   host::UniqueFd mReserve;  // given up to accept, and refuse, a client when out of descriptors
   std::vector<std::unique_ptr<Connection>> mConnections;  // in the order they came
   uint32_t mNextSerial = 1;
+  uint64_t mRound = 0;
+  // Mapping unmapped, and descriptors closed, on this thread this round; beyond kInlineFree the
+  // reaper frees.
+  size_t mFreedInline = 0;
+  static constexpr size_t kInlineFree = 1 << 20;
   std::unique_ptr<uint8_t[]> mIn;
   std::unique_ptr<uint8_t[]> mOut;
   Received mReceived;  // of the message being served, kept for its buffers' sake
   Request mRequest;
   std::vector<uint8_t> mScratch;  // for reading memory
+  // Declared last, so gone first: the destructor hands it everything, and it frees that and ends.
+  Reaper mReaper;
 };
 
 // Sends the peer's log lines to fd instead of stderr (a peer served inside another program).

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reaper: unmaps in slices, then closes.
+#include "Reaper.h"
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+namespace vrocam {
+namespace peer {
+namespace {
+
+// Mapping unmapped at once: the kernel's lock of the address space, which the serving thread
+// needs to map a new memory, is held for one slice at a time.
+constexpr size_t kUnmapSlice = 64 << 20;
+
+// Unmaps and closes memory, a slice at a time.
+void free(Memory& memory) {
+  size_t length = 0;
+  uint8_t* data = memory.mapping.release(&length);
+  struct stat st {};
+  // Huge pages are unmapped in whole pages.
+  const size_t page = fstat(memory.fd.get(), &st) == 0 && st.st_blksize > 0 ? st.st_blksize : 4096;
+  const size_t slice = std::max(kUnmapSlice / page * page, page);
+  for (size_t done = 0; done < length; done += slice) {
+    munmap(data + done, std::min(slice, length - done));
+  }
+  memory.fd.reset();  // when it was the last reference, the pages go back now
+}
+
+}  // namespace
+
+Reaper::Reaper() : mThread([this] { run(); }) {}
+
+Reaper::~Reaper() {
+  {
+    host::MutexLock guard(mLock);
+    mStopping = true;
+  }
+  mWake.notify_all();
+  mThread.join();
+}
+
+void Reaper::take(std::vector<Memory>&& memories) {
+  if (memories.empty()) return;
+  {
+    host::MutexLock guard(mLock);
+    for (Memory& memory : memories) {
+      mLength += memory.mapping.size();
+      mQueue.push_back(std::move(memory));
+    }
+  }
+  memories.clear();
+  mWake.notify_all();
+}
+
+size_t Reaper::memories() const {
+  host::MutexLock guard(mLock);
+  return mQueue.size();
+}
+
+uint64_t Reaper::length() const {
+  host::MutexLock guard(mLock);
+  return mLength;
+}
+
+void Reaper::drain() {
+  host::MutexLock guard(mLock);
+  mWake.wait(mLock, [this]() REQUIRES(mLock) { return mQueue.empty(); });
+}
+
+void Reaper::run() {
+  mLock.lock();
+  for (;;) {
+    mWake.wait(mLock, [this]() REQUIRES(mLock) { return !mQueue.empty() || mStopping; });
+    if (mQueue.empty()) break;  // stopping, with nothing left
+    // The front stays queued, and counted, until it is freed; what is queued behind it does not
+    // move it.
+    Memory& front = mQueue.front();
+    const size_t length = front.mapping.size();
+    mLock.unlock();
+    free(front);
+    mLock.lock();
+    mLength -= length;
+    mQueue.pop_front();
+    if (mQueue.empty()) mWake.notify_all();
+  }
+  mLock.unlock();
+}
+
+}  // namespace peer
+}  // namespace vrocam
