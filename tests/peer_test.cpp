@@ -3,6 +3,8 @@
 // peer daemon in a child process; and the peer against raw and hostile clients.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -17,6 +19,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -332,7 +335,7 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
     const Region plain = makeRegion(4096, "plain", kRegionSeals);
     const Region evil = makeRegion(8192, "evil", kRegionSeals);
     std::vector<ShmMemInfo> infos{{"plain", 4, 4096, plain.fd, plain.addr, 1},
-                                  {"evil\x1b[31m\tname", 4, 8192, evil.fd, evil.addr, 2}};
+                                  {"evil\x1b[31m\tname\xff", 4, 8192, evil.fd, evil.addr, 2}};
     if (other.registerShms(infos) == 0 && write(ready[1], "y", 1) == 1) pause();
     _exit(1);
   }
@@ -351,9 +354,12 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
       0u)
       << status;
   EXPECT_NE(status.find(who + ": 2 memories, 12288 bytes\n  handle 1 type 4 size 4096 name plain\n"
-                              "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\n"),
+                              "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\\xff\n"),
             std::string::npos)
       << status;
+  EXPECT_NE(runPeer("--status --json --socket " + peer.socket())
+                .find("\"name\": \"evil\\u001b[31m\\u0009name\\u00ff\"}]}"),
+            std::string::npos);
   EXPECT_NE(status.find("total: 2 clients, 2 memories, 12288 bytes\n"), std::string::npos);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
@@ -394,6 +400,35 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   const string logDir = nested->dir();
   nested.reset();
   EXPECT_NE(access(logDir.c_str(), F_OK), 0) << "the test peer's directory stays, with its log";
+  // An existing directory is used only when nobody else can write to it, or swap it.
+  const string open = peer.dir() + "/open", link = peer.dir() + "/link";
+  ASSERT_EQ(mkdir(open.c_str(), 0700), 0);
+  ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+  ASSERT_EQ(symlink(peer.dir().c_str(), link.c_str()), 0);
+  const std::pair<string, string> unsafe[] = {{open, "can be written by others (mode 0777)"},
+                                              {link, "is a symbolic link"}};
+  for (const auto& [dir, problem] : unsafe) {
+    int exitCode = -1;
+    EXPECT_NE(runTool(VROCAM_PEER_BINARY, "--socket " + dir + "/peer.sock 2>&1", &exitCode)
+                  .find("cannot serve in " + dir + ": the directory " + problem + "; use one"),
+              string::npos);
+    EXPECT_EQ(exitCode, 1) << dir;
+  }
+  EXPECT_EQ(rmdir(open.c_str()), 0);
+  // Another process holding the directory's lock keeps the peer from starting for a while only,
+  // and a stop signal ends the wait at once.
+  const host::UniqueFd lock(::open(peer.dir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+  int exitCode = -1;
+  EXPECT_NE(runTool(VROCAM_PEER_BINARY, "--socket " + peer.dir() + "/locked.sock 2>&1", &exitCode)
+                .find("another process has held the lock of " + peer.dir() + " for 2 s\n"),
+            string::npos);
+  EXPECT_EQ(exitCode, 1);
+  peer::PeerProcess waiting;
+  EXPECT_EQ(waiting.start({{VROCAM_PEER_BINARY}, peer.dir() + "/locked.sock", {}, "", 100}),
+            -ETIMEDOUT);
+  const int stopped = waiting.stop(SIGTERM);
+  EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
   // The launcher says why a peer did not come: a command that cannot run, or no answer in time.
   peer::PeerProcess launcher;
   EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, peer.socket() + ".x", {}, ""}), -ENOENT);
@@ -401,6 +436,13 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
             -ETIMEDOUT);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
+  const string foreign = peer.dir() + "/foreign";
+  ASSERT_EQ(mkdir(foreign.c_str(), 0700), 0);
+  ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
+  EXPECT_NE(runPeer("--socket " + foreign + "/peer.sock 2>&1")
+                .find(": the directory belongs to uid 65534"),
+            string::npos);
+  EXPECT_EQ(rmdir(foreign.c_str()), 0);
   const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
   ASSERT_EQ(chmod(dir.c_str(), 0711), 0);
   ASSERT_EQ(chmod(peer.socket().c_str(), 0666), 0);
@@ -444,6 +486,14 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
     EXPECT_EQ(capturedStderr(), logHead('W', "VroIPCClient") + "refused the peer at " + fake +
                                     ": it runs as uid 65534, neither ours (0) nor root\n");
   }
+  // Nor does --status take the word of such a server.
+  EXPECT_EQ(runPeer("--status --socket " + fake + " 2>&1"),
+            "vrocam_ipc_peer: refused the peer at " + fake +
+                ": it runs as uid 65534, neither ours (0) nor root\n");
+  EXPECT_EQ(
+      runPeer("--status --json --socket " + fake)
+          .rfind("{\"error\": {\"errno\": -13, \"name\": \"EACCES\", \"message\": \"refused ", 0),
+      0u);
   kill(impostor, SIGKILL);
   waitpid(impostor, nullptr, 0);
   unlink(fake.c_str());
@@ -523,6 +573,9 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
   const LeakGuard beforeStaging(peer.pid());
   ASSERT_EQ(staging.send(registerMessage({record}, peer::kMore), {memory.fd}), 0);
+  peer::Answer held;  // a query leaves the batch open
+  ASSERT_EQ(staging.send(message(Kind::Holdings), {}, &held), 0);
+  EXPECT_EQ(std::make_pair(held.staged, held.stagedBytes), std::make_pair(1u, uint64_t{4096}));
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
   beforeStaging.expectNoLeaks();
   // A new batch drops one still open; a batch that a failed part or its commit ended cannot go on.
@@ -605,10 +658,14 @@ TEST_F(PeerTest, ThePeersCommandLine) {
       {"--help", 0, "usage: vrocam_ipc_peer --socket PATH [OPTION...]\n"},
       {"--version", 0, string("vrocam_ipc_peer ") + VROCAM_VERSION + "\n"},
       {"--status --json", 0, "\"total\": {\"clients\": 1, \"memories\": 0, \"bytes\": 0}}\n"},
+      {"--status --json", 0,
+       "\"maxMemoriesPerClient\": 4096, \"maxBytesPerClient\": 4294967296, \"idleTimeoutMs\": "
+       "30000, \"batchTimeoutMs\": 10000}"},
       {"--status --socket " + peer.dir() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file"},
       {"--bogus" + at, 2, "vrocam_ipc_peer: unknown option '--bogus' (see --help)\n"},
       {"--max-clients=0" + at, 2, "--max-clients 0: not a whole number from 1 to 1024 (see"},
       {"--max-bytes 1Q" + at, 2, "--max-bytes 1Q: not a whole number from 1 to 1125899906842624"},
+      {"--max-bytes 2T --max-clients 0" + at, 2, "--max-clients 0: not a whole number"},
       {"--idle-timeout 5m" + at, 2, "--idle-timeout 5m: not a duration from 1 ms to 86400 s"},
       {"--json" + at, 2, "--json goes with --status"},
       {"stray" + at, 2, "unexpected argument 'stray'"},
@@ -657,8 +714,64 @@ TEST_F(PeerTest, TheDemosCommandLine) {
 }
 #endif
 
-// One client's long command is done in slices between other clients' requests.
-TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
+// Another user watching /tmp cannot take over the demo's private directory: no name of it is ever
+// freed and used again, and the demo deletes nothing that it did not make.
+TEST_F(PeerTest, TheDemosDirectoryCannotBeTakenOver) {
+  if (geteuid() != 0 || *VROCAM_TEST_EMULATOR != '\0') GTEST_SKIP() << "needs root, natively";
+  char bait[] = "/tmp/attacker-XXXXXX";
+  ASSERT_NE(mkdtemp(bait), nullptr);
+  const string precious = string(bait) + "/precious";
+  ASSERT_TRUE(std::ofstream(precious).good());
+  ASSERT_EQ(chmod(bait, 0777), 0);
+  int ready[2];
+  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  const pid_t attacker = fork();
+  if (attacker == 0) {  // puts a link to its own directory wherever a demo's name comes or goes
+    const int watch = inotify_init1(IN_CLOEXEC);
+    if (setgid(65534) != 0 || setuid(65534) != 0 ||
+        inotify_add_watch(watch, "/tmp", IN_CREATE | IN_DELETE) < 0 ||
+        write(ready[1], "r", 1) != 1) {
+      _exit(1);
+    }
+    alignas(inotify_event) char events[4096];
+    for (ssize_t got; (got = read(watch, events, sizeof(events))) > 0;) {
+      for (ssize_t at = 0; at < got;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+        if (event->len != 0 && strncmp(event->name, "vrocam-demo-", 12) == 0) {
+          if (symlink(bait, ("/tmp/" + string(event->name)).c_str()) != 0) {
+          }
+        }
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+      }
+    }
+    _exit(0);
+  }
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  int exitCode = -1;
+  const string out = runTool(VROCAM_DEMO_BINARY, "--regions 1 --peer " VROCAM_PEER_BINARY " 2>&1",
+                             &exitCode, "env -u VROCAM_IPC_SOCKET ");
+  kill(attacker, SIGKILL);
+  waitpid(attacker, nullptr, 0);
+  close(ready[0]);
+  close(ready[1]);
+  EXPECT_EQ(access(precious.c_str(), F_OK), 0) << out;
+  EXPECT_EQ(exitCode, 0) << out;
+  // The links the attacker made after the demo's peer removed its directory.
+  for (const auto& entry : std::filesystem::directory_iterator("/tmp")) {
+    std::error_code error;
+    if (entry.is_symlink() && std::filesystem::read_symlink(entry.path(), error) == bait) {
+      std::filesystem::remove(entry.path(), error);
+    }
+  }
+  EXPECT_EQ(unlink(precious.c_str()), 0);
+  EXPECT_EQ(rmdir(bait), 0);
+}
+
+// One client's work does not hold up another's: a long command is done in slices between other
+// clients' requests, a process gets one turn a round however many connections it has, and freeing
+// is done off the serving thread.
+TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
   const Region big = makeRegion(64 << 20, "big", kRegionSeals);
   RawClient busy(peer.socket()), other(peer.socket());
   ASSERT_EQ(busy.send(registerMessage({Record{1, 0, 64 << 20, "big"}}), {big.fd}), 0);
@@ -687,6 +800,68 @@ TEST_F(PeerTest, OneClientsLongCommandDoesNotHoldUpAnother) {
   }
   EXPECT_EQ(answered, asked);
   freeRegion(big);
+
+  // Turns are per client process: eight connections of this process, each filling, share one
+  // turn a round, so that another process's eight pings are answered before the fills got far.
+  std::vector<Region> regions;
+  std::vector<std::unique_ptr<RawClient>> fillers;
+  for (int i = 0; i < 8; ++i) {
+    regions.push_back(makeRegion(16 << 20, "fill", kRegionSeals));
+    fillers.push_back(std::make_unique<RawClient>(peer.socket()));
+    ASSERT_EQ(fillers[i]->send(registerMessage({Record{1, 0, 16 << 20, "fill"}}), {regions[i].fd}),
+              0);
+  }
+  int posted[2], done[2];
+  ASSERT_EQ(pipe2(posted, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(done, O_CLOEXEC), 0);
+  peer.freeze();
+  const pid_t child = fork();
+  if (child == 0) {
+    RawClient pinger(peer.socket());
+    for (int i = 0; i < 8; ++i) pinger.post(ping);
+    int answers = write(posted[1], "p", 1) == 1 ? 0 : -1;
+    while (answers >= 0 && answers < 8 &&
+           peer::recvPacket(pinger.fd(), answer.data(), answer.size(), &received,
+                            peer::after(10000)) > 0) {
+      ++answers;
+    }
+    _exit(answers == 8 && write(done[1], "d", 1) == 1 ? 0 : 1);
+  }
+  EXPECT_EQ(read(posted[0], &byte, 1), 1);
+  for (const auto& filler : fillers) ASSERT_EQ(filler->post(bytes), 0);
+  peer.thaw();
+  EXPECT_EQ(read(done[0], &byte, 1), 1);
+  peer.freeze();
+  size_t filled = 0;  // pages: a fill goes from the start
+  for (const Region& region : regions) {
+    for (size_t at = 0; at < region.size; at += 4096)
+      filled += static_cast<uint8_t*>(region.addr)[at] == 7;
+  }
+  peer.thaw();
+  EXPECT_LT(filled, (32u << 20) / 4096) << "of " << (128u << 20) / 4096;
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  for (const int fd : {posted[0], posted[1], done[0], done[1]}) close(fd);
+  fillers.clear();
+  for (const Region& region : regions) freeRegion(region);
+
+  // Freeing is not done on the serving thread: another client is answered while the peer still
+  // gives back the gigabyte whose last reference it held.
+  host::UniqueFd gigabyte = host::sealedMemfd("gigabyte", 1u << 30);
+  ASSERT_EQ(fallocate(gigabyte.get(), 0, 0, 1 << 30), 0);
+  RawClient freeing(peer.socket());
+  ASSERT_EQ(freeing.send(registerMessage({Record{1, 0, 1 << 30, "gigabyte"}}), {gigabyte.get()}),
+            0);
+  gigabyte.reset();
+  peer::Request deregister, statusRequest;
+  deregister.kind = Kind::Deregister;
+  deregister.handles = {1};
+  statusRequest.kind = Kind::Status;
+  ASSERT_EQ(freeing.send(encoded(deregister)), 0);
+  peer::Answer shown;
+  ASSERT_EQ(other.send(encoded(statusRequest), {}, &shown), 0);
+  EXPECT_NE(shown.text.find(" (1 being freed); "), string::npos) << shown.text;
 }
 
 // The peer holds memories within what its descriptor limit allows and keeps serving every client;
@@ -764,6 +939,26 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   std::this_thread::sleep_for(std::chrono::milliseconds(400));  // beyond --idle-timeout
   EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
   freeRegion(region);
+}
+
+// However large the per-client limit, memories are refused beyond the address space the peer may
+// map, and nothing the peer cannot allocate ends it.
+TEST_F(PeerTest, TheAddressSpaceHasABudgetToo) {
+  if (*VROCAM_TEST_EMULATOR != '\0') GTEST_SKIP() << "an emulator maps guest memory its own way";
+  ASSERT_EQ(peer.stop(), 0);
+  ASSERT_NO_FATAL_FAILURE(startPeer({"--max-bytes", "1024T"}));
+  const host::UniqueFd sparse = host::sealedMemfd("sparse", size_t{1} << 40);
+  ASSERT_TRUE(sparse);
+  RawClient greedy(peer.socket());
+  int answer = 0;
+  int32_t handle = 0;
+  while (answer == 0 && handle < 200) {
+    answer = greedy.send(registerMessage({Record{++handle, 0, int64_t{1} << 40, "sparse"}}),
+                         {sparse.get()});
+  }
+  // Sanitizers' runtimes take address space too: mmap may fail first.
+  EXPECT_TRUE(answer == -ENOSPC || answer == -ENOMEM) << answer << " at " << handle << " TiB";
+  EXPECT_EQ(greedy.send(message(Kind::Ping)), 0) << "the peer ended";
 }
 
 // A log that nobody reads never stops the peer: lines are dropped, counted and reported later.
@@ -875,6 +1070,18 @@ TEST(SocketClientTest, ACallThatTimesOutLosesNothing) {
     EXPECT_EQ(held.memories, 1u);
     EXPECT_TRUE(stopped.logShows("gave up on a registration: released 1 memory (4096 bytes)\n"));
     EXPECT_EQ(client->deregisterShms(infos), 0);
+    // A deregistration that times out after its first message still reaches the peer whole.
+    SocketClient patient(stopped.socket(), 1000);
+    std::vector<ShmMemInfo> many;
+    for (int32_t handle = 10; many.size() < peer::kMaxHandles + 10; ++handle) {
+      many.emplace_back("many", 0, 4096, kept.fd, kept.addr, handle);
+    }
+    ASSERT_EQ(patient.registerShms(many), 0);
+    stopped.freeze();
+    EXPECT_EQ(patient.deregisterShms(many), -ETIMEDOUT);
+    stopped.thaw();
+    EXPECT_EQ(patient.sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)), 0);
+    EXPECT_EQ(held.memories, 0u);
   }
   freeRegion(kept);
   freeRegion(late);

@@ -15,14 +15,18 @@ namespace {
 // needs to map a new memory, is held for one slice at a time.
 constexpr size_t kUnmapSlice = 64 << 20;
 
-// Unmaps and closes memory, a slice at a time.
+// Unmaps and closes memory, a slice at a time where it has that many pages.
 void free(Memory& memory) {
   size_t length = 0;
   uint8_t* data = memory.mapping.release(&length);
   struct stat st {};
-  // Huge pages are unmapped in whole pages.
-  const size_t page = fstat(memory.fd.get(), &st) == 0 && st.st_blksize > 0 ? st.st_blksize : 4096;
-  const size_t slice = std::max(kUnmapSlice / page * page, page);
+  const bool known = fstat(memory.fd.get(), &st) == 0;
+  // Huge pages are unmapped in whole pages; a mapping of a memory with hardly any pages (sparse)
+  // goes at once, as quickly as a slice.
+  const size_t page = known && st.st_blksize > 0 ? st.st_blksize : 4096;
+  const uint64_t allocated = known ? static_cast<uint64_t>(st.st_blocks) * 512 : UINT64_MAX;
+  const size_t slice =
+      allocated <= kUnmapSlice ? length : std::max(kUnmapSlice / page * page, page);
   for (size_t done = 0; done < length; done += slice) {
     munmap(data + done, std::min(slice, length - done));
   }

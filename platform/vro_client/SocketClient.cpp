@@ -157,13 +157,15 @@ void SocketClient::Link::owe(peer::Request&& request) {
   if (request.kind == Kind::Cancel && static_cast<size_t>(cancels) >= kMaxCancels) {
     return lose(-ETIMEDOUT, 0);
   }
+  // Numbered now: any request of a later call comes after it, and so does its answer, which that
+  // call drops as an earlier one's.
+  request.seq = ++mSeq;
   mOwed.push_back(std::move(request));
 }
 
 int SocketClient::Link::sendOwed(Deadline deadline) {
   while (!mOwed.empty()) {
-    peer::Request& owed = mOwed.front();
-    owed.seq = ++mSeq;
+    const peer::Request& owed = mOwed.front();
     uint8_t message[peer::kHeaderSize + 4 + peer::kMaxHandles * 4];
     const size_t size = peer::encodeRequest(message, sizeof(message), owed);
     const int err = peer::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
