@@ -712,7 +712,6 @@ TEST_F(PeerTest, TheDemosCommandLine) {
     EXPECT_EQ(exitCode, c.exitCode) << c.args;
   }
 }
-#endif
 
 // Another user watching /tmp cannot take over the demo's private directory: no name of it is ever
 // freed and used again, and the demo deletes nothing that it did not make.
@@ -767,6 +766,7 @@ TEST_F(PeerTest, TheDemosDirectoryCannotBeTakenOver) {
   EXPECT_EQ(unlink(precious.c_str()), 0);
   EXPECT_EQ(rmdir(bait), 0);
 }
+#endif
 
 // One client's work does not hold up another's: a long command is done in slices between other
 // clients' requests, a process gets one turn a round however many connections it has, and freeing
