@@ -3,16 +3,23 @@
 // what a running peer holds.
 #include <getopt.h>
 #include <signal.h>
+#include <sys/epoll.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <memory>
 #include <string>
 
 #include "CommandLine.h"
 #include "ErrnoText.h"
+#include "FaultRules.h"
 #include "PeerServer.h"
 #include "PeerStatus.h"
 #include "UniqueFd.h"
@@ -26,6 +33,13 @@ struct Options {
   bool status = false;
   bool json = false;
   vrocam::peer::ServerLimits limits;
+  std::vector<std::string> faults;
+  bool allowFaults = false;
+  bool seeded = false;
+  uint64_t faultSeed = 0;
+  std::unique_ptr<vrocam::peer::FaultRules> faultRules;  // when faults are taken
+  int readyFd = -1;
+  int lifeline = -1;
 };
 
 void usage() {
@@ -49,6 +63,18 @@ void usage() {
       "                          TIME (500ms, 30s; plain numbers are ms; default 30s)\n"
       "  --batch-timeout TIME    an unfinished batch, or an answer the client does not take, is\n"
       "                          dropped after TIME (default 10s)\n"
+      "  --fault RULE            inject a fault (repeatable): KIND[:pid=N]:ACTION[:WHEN...]; KIND\n"
+      "                          register, deregister, ping, checksum, fill, holdings, status,\n"
+      "                          any, accept; ACTION errno=NAME|N, delay=TIME, hold, drop, close,\n"
+      "                          exit[=CODE], kill, mmap[=ERRNO]; WHEN nth=N, after=N, every=N,\n"
+      "                          times=K, p=PERCENT. Examples: register:errno=ENOSPC:nth=3,\n"
+      "                          deregister:errno=EIO, ping:delay=300ms, register:exit:nth=2,\n"
+      "                          fill:errno=EFAULT:p=25\n"
+      "  --allow-faults          take fault rules from clients of this uid at run time (so does a\n"
+      "                          peer started with --fault)\n"
+      "  --fault-seed N          where p= draws come from (default: random, logged)\n"
+      "  --ready-fd FD           write \"ready\\n\" to FD, and close it, once serving\n"
+      "  --lifeline FD           stop when FD hangs up or becomes readable (a pipe from a parent)\n"
       "  --status                print what a running peer holds, per client, and exit; the\n"
       "                          socket defaults to $VROCAM_IPC_SOCKET\n"
       "  --json                  with --status: print it as JSON\n"
@@ -66,6 +92,11 @@ Options parse(int argc, char** argv) {
       {"max-clients", required_argument, nullptr, 'c'},
       {"max-total-memories", required_argument, nullptr, 't'},
       {"max-address-space", required_argument, nullptr, 'A'},
+      {"fault", required_argument, nullptr, 'f'},
+      {"allow-faults", no_argument, nullptr, 'a'},
+      {"fault-seed", required_argument, nullptr, 'r'},
+      {"ready-fd", required_argument, nullptr, 'R'},
+      {"lifeline", required_argument, nullptr, 'L'},
       {"idle-timeout", required_argument, nullptr, 'i'},
       {"batch-timeout", required_argument, nullptr, 'B'},
       {"help", no_argument, nullptr, 'h'},
@@ -106,6 +137,22 @@ Options parse(int argc, char** argv) {
       case 'A':
         limits.maxAddressSpace = line.number(name, optarg, 1, 1ull << 50, true);
         break;
+      case 'f':
+        options.faults.push_back(optarg);
+        break;
+      case 'a':
+        options.allowFaults = true;
+        break;
+      case 'r':
+        options.faultSeed = line.number(name, optarg, 0, UINT64_MAX);
+        options.seeded = true;
+        break;
+      case 'R':
+        options.readyFd = static_cast<int>(line.number(name, optarg, 0, INT_MAX));
+        break;
+      case 'L':
+        options.lifeline = static_cast<int>(line.number(name, optarg, 0, INT_MAX));
+        break;
       case 'i':
         limits.idleTimeout = line.duration(name, optarg, longest);
         break;
@@ -130,16 +177,32 @@ Options parse(int argc, char** argv) {
     line.fail(options.status ? "--status needs --socket PATH or VROCAM_IPC_SOCKET"
                              : "--socket PATH is needed");
   }
+  if (!options.faults.empty() || options.allowFaults) {
+    if (!options.seeded && getrandom(&options.faultSeed, sizeof(options.faultSeed), 0) < 0) {
+      options.faultSeed = static_cast<uint64_t>(time(nullptr));
+    }
+    options.faultRules = std::make_unique<vrocam::peer::FaultRules>(options.faultSeed);
+    for (const std::string& rule : options.faults) {
+      const std::string wrong = options.faultRules->add(rule);
+      if (!wrong.empty()) line.fail(("--fault " + rule + ": " + wrong).c_str());
+    }
+  }
   return options;
 }
 
-int serve(const Options& options) {
+int serve(Options& options) {
   signal(SIGPIPE, SIG_IGN);
   sigset_t stopSignals;
   sigemptyset(&stopSignals);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stopSignals, signal);
   sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
-  vrocam::host::UniqueFd stop(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+  vrocam::host::UniqueFd signals(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+  // A stop signal, and the end of the lifeline, make one descriptor readable.
+  vrocam::host::UniqueFd stop(epoll_create1(EPOLL_CLOEXEC));
+  for (const int fd : {signals.get(), options.lifeline}) {
+    epoll_event event{EPOLLIN, {}};
+    if (fd >= 0 && stop && epoll_ctl(stop.get(), EPOLL_CTL_ADD, fd, &event) != 0) stop.reset();
+  }
   // Each memory a client holds costs a descriptor: allow as many as the hard limit does.
   rlimit files{};
   if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
@@ -148,21 +211,27 @@ int serve(const Options& options) {
   }
 
   vrocam::peer::PeerServer server(options.limits);
-  int err = stop ? server.listen(options.socket, stop.get()) : -errno;
+  if (options.faultRules) server.takeFaults(std::move(*options.faultRules));
+  int err = stop && signals ? server.listen(options.socket, stop.get()) : -errno;
   if (err == -EINTR) return 0;  // stopped before it served
+  if (err == 0 && options.readyFd >= 0) {
+    const ssize_t told = write(options.readyFd, "ready\n", 6);
+    close(options.readyFd);
+    if (told != 6) err = -errno;
+  }
   if (err == 0) err = server.run(stop.get());
   if (err != 0) {
     fprintf(stderr, "%s: cannot serve %s: %s\n", kProgram, options.socket.c_str(),
             vrocam::host::errnoText(err).c_str());
     return 1;
   }
-  return 0;
+  return server.exitCode() >= 0 ? server.exitCode() : 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options options = parse(argc, argv);
+  Options options = parse(argc, argv);
   return options.status ? vrocam::tools::printPeerStatus(options.socket, options.json)
                         : serve(options);
 }

@@ -22,7 +22,7 @@ bool ClientTable::taken(int32_t handle) const {
 
 // Checks one record against its descriptor and, if it passes, against the limits and the room;
 // then maps it.
-int ClientTable::admit(const Record& record, host::UniqueFd fd, const Room& room,
+int ClientTable::admit(const Record& record, host::UniqueFd fd, const Room& room, int failMapping,
                        Memory* out) const {
   if (record.size <= 0) return -EINVAL;
   if (!fd) return -EBADF;
@@ -41,6 +41,7 @@ int ClientTable::admit(const Record& record, host::UniqueFd fd, const Room& room
       size > mLimits.maxBytes - mBytes - mStagedBytes || length > room.length) {
     return -ENOSPC;
   }
+  if (failMapping != 0) return -failMapping;
 
   bool writable = true;
   void* addr = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
@@ -60,7 +61,8 @@ int ClientTable::admit(const Record& record, host::UniqueFd fd, const Room& room
   return 0;
 }
 
-int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room) {
+int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room,
+                              int failMapping) {
   const bool continues = (request.flags & kContinue) != 0;
   if (fds.size() != request.records.size() || (continues && !mBatchOpen)) {
     abandonBatch();
@@ -72,7 +74,9 @@ int ClientTable::registerPart(const Request& request, std::vector<host::UniqueFd
   }
   for (size_t i = 0; i < request.records.size(); ++i) {
     Memory memory;
-    const int err = admit(request.records[i], std::move(fds[i]), room, &memory);
+    const bool last = i + 1 == request.records.size();
+    const int err =
+        admit(request.records[i], std::move(fds[i]), room, last ? failMapping : 0, &memory);
     if (err != 0) {
       abandonBatch();
       return err;

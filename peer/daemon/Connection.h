@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ClientTable.h"
+#include "FaultRules.h"
 #include "Packet.h"
 #include "PeerServer.h"
 #include "PeerWire.h"
@@ -33,7 +34,7 @@ struct PeerServer::Connection {
   Connection(host::UniqueFd socket, pid_t pid, uid_t uid, uint32_t serial, const Limits& limits)
       : sock(std::move(socket)), pid(pid), uid(uid), serial(serial), table(limits) {}
 
-  bool busy() const { return command.memory != nullptr || !unsent.empty(); }
+  bool busy() const { return command.memory != nullptr || !unsent.empty() || !kept.empty(); }
 
   host::UniqueFd sock;
   pid_t pid;
@@ -44,6 +45,9 @@ struct PeerServer::Connection {
   ClientTable table;
   LongCommand command;
   std::vector<uint8_t> unsent;  // an answer the client's socket had no room for
+  std::vector<uint8_t> kept;    // an answer a fault rule keeps back (delay, hold)
+  Clock::time_point keptUntil;  // when it goes; max(): until released
+  Fault fault;                  // what a fault rule does to the answer of the request under way
   Clock::time_point since;      // of the last request other than a query, answer taken
   uint64_t served = 0;          // the round of its last turn
   short revents = 0;            // what poll saw this round

@@ -2,6 +2,7 @@
 // PeerServer: one client's requests, its long commands a slice at a time, and its answers.
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "Connection.h"
 #include "MemoryAccess.h"
@@ -34,14 +35,33 @@ const char* PeerServer::serve(Connection& connection) {
   int status = decodeRequest(mIn.get(), static_cast<size_t>(size), received.fds.size(), &request);
   if (received.truncated) status = -EMSGSIZE;
   if (received.fdsTruncated) status = -EMFILE;
-  // A query (holdings, status) leaves an open batch, and the time it has left, as they were.
-  const bool query =
-      status == 0 && (request.kind == Kind::Holdings || request.kind == Kind::Status);
+  // A query (holdings, status, faults) leaves an open batch, and the time it has left, as they
+  // were; the status and faults may be asked by connections that are no clients.
+  const bool visitor =
+      status == 0 && (request.kind == Kind::Status || request.kind == Kind::Faults);
+  const bool query = visitor || (status == 0 && request.kind == Kind::Holdings);
   if (!query) connection.since = Clock::now();
-  if (!connection.joined && !(status == 0 && request.kind == Kind::Status) && !join(connection)) {
+  if (!connection.joined && !visitor && !join(connection)) {
     received.fds.clear();
     drop(connection, "refused", -EUSERS);
     return nullptr;
+  }
+  connection.fault = Fault();
+  const char* const kind = faultKindOf(request.kind);
+  if (status == 0 && mFaults && kind != nullptr) {
+    connection.fault = inject(kind, connection.pid,
+                              std::string(kind) + " (seq " + std::to_string(request.seq) + ")");
+  }
+  switch (connection.fault.action) {
+    case FaultAction::Errno:
+      status = -connection.fault.value;  // not carried out
+      break;
+    case FaultAction::Close:
+      return "dropped: a fault rule closed it";
+    case FaultAction::Exit:
+      return nullptr;  // the round ends the peer
+    default:
+      break;
   }
   if (!query && (status != 0 || request.kind != Kind::Register)) connection.table.abandonBatch();
   Answer answer;
@@ -65,7 +85,9 @@ int PeerServer::handle(Connection& connection, const Request& request, std::vect
     case Kind::Register:
       if ((request.flags & kContinue) == 0) table.abandonBatch();
       reap(connection);
-      status = table.registerPart(request, fds, room());
+      status = table.registerPart(
+          request, fds, room(),
+          connection.fault.action == FaultAction::Mmap ? connection.fault.value : 0);
       break;
     case Kind::Deregister:
       status = table.deregister(request.handles);
@@ -86,6 +108,9 @@ int PeerServer::handle(Connection& connection, const Request& request, std::vect
       break;
     case Kind::Status:
       statusPage(connection, request.cursor, answer);
+      break;
+    case Kind::Faults:
+      status = controlFaults(connection, request, answer);
       break;
     case Kind::Cancel: {
       const uint64_t bytes = table.bytes();
@@ -127,6 +152,14 @@ const char* PeerServer::advance(Connection& connection) {
 
 const char* PeerServer::answer(Connection& connection, const Answer& answer) {
   const size_t length = encodeAnswer(mOut.get(), kMaxMessage, answer);
+  const Fault fault = std::exchange(connection.fault, Fault());
+  if (fault.action == FaultAction::Drop) return nullptr;
+  if (fault.action == FaultAction::Delay || fault.action == FaultAction::Hold) {
+    connection.kept.assign(mOut.get(), mOut.get() + length);
+    connection.keptUntil =
+        fault.action == FaultAction::Hold ? Clock::time_point::max() : Clock::now() + fault.delay;
+    return nullptr;
+  }
   const int err =
       sendPacket(connection.sock.get(), mOut.get(), length, nullptr, 0, Deadline::min());
   if (err == -ETIMEDOUT) {

@@ -151,32 +151,69 @@ int PeerServer::openDirectory(const std::string& dir, UniqueFd* out) {
   return -EPERM;
 }
 
-int PeerServer::listen(const std::string& path, int stopFd) {
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof(addr.sun_path)) return -ENAMETOOLONG;
-  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+int PeerServer::lockDirectory(const std::string& path, int stopFd, std::string* dir,
+                              UniqueFd* lock) {
   const size_t slash = path.rfind('/');
-  const std::string dir = slash == std::string::npos ? "."
-                          : slash == 0               ? "/"
-                                                     : path.substr(0, slash);
-  UniqueFd lock;
-  int err = openDirectory(dir, &lock);
+  *dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  int err = openDirectory(*dir, lock);
   // Peers that start together take turns in the directory: one that binds has listened before
   // the next one looks, so the next one finds it serving, not a stale socket to replace. A lock
   // that stays taken ends the wait, and so does a stop.
   const Deadline deadline = after(kLockWaitMs);
-  while (err == 0 && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+  while (err == 0 && flock(lock->get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) {
       err = -errno;
     } else if (Clock::now() >= deadline) {
       peerLog('E', "cannot serve %s: another process has held the lock of %s for %s", path.c_str(),
-              dir.c_str(), duration(std::chrono::milliseconds(kLockWaitMs)).c_str());
+              dir->c_str(), duration(std::chrono::milliseconds(kLockWaitMs)).c_str());
       err = -ETIMEDOUT;
     } else if (pollfd stop{stopFd, POLLIN, 0}; poll(&stop, 1, 10) > 0) {
       err = -EINTR;
     }
   }
+  return err;
+}
+
+int PeerServer::bindPath(int sock, const std::string& path, const sockaddr_un& addr,
+                         socklen_t length, const std::string& dir, int lock) {
+  const auto* name = reinterpret_cast<const sockaddr*>(&addr);
+  if (bind(sock, name, length) != 0) {
+    if (errno != EADDRINUSE) return -errno;
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) return -errno;
+    if (!S_ISSOCK(st.st_mode)) return -EEXIST;
+    UniqueFd probe;
+    const int probed = connectTo(path, 1000, &probe);
+    if (probed == 0) return -EADDRINUSE;
+    if (probed != -ECONNREFUSED) return probed;
+    // Nobody serves the socket any more: it was left by a peer that did not stop cleanly.
+    if (unlink(path.c_str()) != 0 || bind(sock, name, length) != 0) return -errno;
+  }
+  struct stat st {
+  }, opened{}, named{};
+  if (::listen(sock, 64) != 0 || lstat(path.c_str(), &st) != 0) {
+    const int err = -errno;
+    unlink(path.c_str());
+    return err;
+  }
+  if (fstat(lock, &opened) != 0 || stat(dir.c_str(), &named) != 0 || !same(opened, named)) {
+    peerLog('E', "cannot serve %s: its directory was replaced while the peer started",
+            path.c_str());
+    return -EPERM;
+  }
+  mPath = path;
+  mInode = st.st_ino;
+  return 0;
+}
+
+int PeerServer::listen(const std::string& path, int stopFd) {
+  sockaddr_un addr{};
+  const socklen_t length = socketAddress(path, &addr);
+  if (length == 0) return -ENAMETOOLONG;
+  const bool abstract = abstractSocket(path);
+  std::string dir;
+  UniqueFd lock;
+  int err = abstract ? 0 : lockDirectory(path, stopFd, &dir, &lock);
   const Budget budget =
       planBudget(mLimits.maxClients, mLimits.maxMemories, mLimits.maxAddressSpace);
   if (err == 0 && budget.memories == 0) {
@@ -188,35 +225,15 @@ int PeerServer::listen(const std::string& path, int stopFd) {
   // bind() gives the file the socket's mode less the umask: never more than 0600.
   if (err == 0 && fchmod(sock.get(), 0600) != 0) err = -errno;
   if (err != 0) return err;
-  const auto* name = reinterpret_cast<const sockaddr*>(&addr);
-  if (bind(sock.get(), name, sizeof(addr)) != 0) {
-    if (errno != EADDRINUSE) return -errno;
-    struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) return -errno;
-    if (!S_ISSOCK(st.st_mode)) return -EEXIST;
-    UniqueFd probe;
-    const int probed = connectTo(path, 1000, &probe);
-    if (probed == 0) return -EADDRINUSE;
-    if (probed != -ECONNREFUSED) return probed;
-    // Nobody serves the socket any more: it was left by a peer that did not stop cleanly.
-    if (unlink(path.c_str()) != 0 || bind(sock.get(), name, sizeof(addr)) != 0) return -errno;
-  }
-  struct stat st {
-  }, opened{}, named{};
-  if (::listen(sock.get(), 64) != 0 || lstat(path.c_str(), &st) != 0) {
-    err = -errno;
-    unlink(path.c_str());
+  if (abstract) {
+    // Nothing on disk: a name taken is served by someone, and a peer's name goes with it.
+    const auto* name = reinterpret_cast<const sockaddr*>(&addr);
+    if (bind(sock.get(), name, length) != 0 || ::listen(sock.get(), 64) != 0) return -errno;
+  } else if ((err = bindPath(sock.get(), path, addr, length, dir, lock.get())) != 0) {
     return err;
-  }
-  if (fstat(lock.get(), &opened) != 0 || stat(dir.c_str(), &named) != 0 || !same(opened, named)) {
-    peerLog('E', "cannot serve %s: its directory was replaced while the peer started",
-            path.c_str());
-    return -EPERM;
   }
   mReserve.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
   mListen = std::move(sock);
-  mPath = path;
-  mInode = st.st_ino;
   mBudget = budget;
   mShare = shareOf(mLimits.perClient, budget, mLimits.maxClients);
   peerLog('I', "serving %s (per client at most %s and %llu bytes; at most %s)", path.c_str(),
@@ -254,6 +271,7 @@ int PeerServer::waitMs(Clock::time_point now) const {
     if (connection->table.batchOpen() || !connection->unsent.empty()) {
       next = std::min(next, connection->since + mLimits.batchTimeout);
     }
+    if (!connection->kept.empty()) next = std::min(next, connection->keptUntil);
   }
   if (peerLogPending()) next = std::min(next, now + std::chrono::seconds(1));
   if (next == Clock::time_point::max()) return -1;
@@ -277,9 +295,10 @@ int PeerServer::round(int stopFd, int waitMs) {
   polled.push_back(pollfd{mListen.get(), POLLIN, 0});
   polled.push_back(pollfd{stopFd, POLLIN, 0});
   for (const auto& connection : mConnections) {
-    const short events = !connection->unsent.empty()             ? POLLOUT
-                         : connection->command.memory != nullptr ? 0
-                                                                 : POLLIN;
+    const short events = !connection->unsent.empty() ? POLLOUT
+                         : connection->command.memory != nullptr || !connection->kept.empty()
+                             ? 0
+                             : POLLIN;
     polled.push_back(pollfd{connection->sock.get(), events, 0});
   }
   int timeout = this->waitMs(Clock::now());
@@ -298,6 +317,11 @@ int PeerServer::round(int stopFd, int waitMs) {
     if (connection.gone) continue;
     if ((events & (POLLERR | POLLNVAL)) != 0 || (events & (POLLHUP | POLLIN)) == POLLHUP) {
       why = "disconnected";
+    } else if (!connection.kept.empty() && now >= connection.keptUntil) {
+      connection.unsent = std::move(connection.kept);  // what a fault rule kept back goes now
+      connection.kept.clear();
+      connection.since = now;
+      why = flush(connection);
     } else if (!connection.unsent.empty()) {
       if ((events & POLLOUT) != 0) why = flush(connection);
       if (why == nullptr && !connection.unsent.empty() &&
@@ -312,7 +336,9 @@ int PeerServer::round(int stopFd, int waitMs) {
   std::map<std::pair<uid_t, pid_t>, Connection*> turns;
   for (const auto& connection : mConnections) {
     const bool ready = connection->command.memory != nullptr || (connection->revents & POLLIN);
-    if (connection->gone || !connection->unsent.empty() || !ready) continue;
+    if (connection->gone || !connection->unsent.empty() || !connection->kept.empty() || !ready) {
+      continue;
+    }
     Connection*& chosen = turns[{connection->uid, connection->pid}];
     if (chosen == nullptr || connection->served < chosen->served) chosen = connection.get();
   }
@@ -323,9 +349,9 @@ int PeerServer::round(int stopFd, int waitMs) {
   mConnections.erase(std::remove_if(mConnections.begin(), mConnections.end(),
                                     [](const auto& connection) { return connection->gone; }),
                      mConnections.end());
-  if ((polled[0].revents & POLLIN) != 0) accept();
+  if ((polled[0].revents & POLLIN) != 0 && mExitCode < 0) accept();
   flushPeerLog();
-  return 1;
+  return mExitCode < 0 ? 1 : 0;  // a fault rule may end the peer
 }
 
 void PeerServer::expireBatches(Clock::time_point now) {
@@ -373,6 +399,9 @@ void PeerServer::accept() {
             cred.pid, cred.uid);
     return refuse(std::move(sock), -EACCES);
   }
+  const Fault fault = mFaults ? inject("accept", cred.pid, "accept") : Fault();
+  if (fault.action == FaultAction::Errno) return refuse(std::move(sock), -fault.value);
+  if (fault.action != FaultAction::None) return;  // closed, or the peer ends
   if (mConnections.size() >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
     peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", cred.pid, cred.uid,
             counted(clients(), "client", "clients").c_str());

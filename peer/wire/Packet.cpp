@@ -8,6 +8,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "PeerWire.h"
@@ -147,11 +148,21 @@ int roundTrip(int sock, uint8_t* buffer, size_t capacity, size_t size, int timeo
   return err != 0 ? err : awaitAnswer(sock, buffer, capacity, kind, seq, deadline, answer, closing);
 }
 
+socklen_t socketAddress(const std::string& path, sockaddr_un* out) {
+  *out = sockaddr_un{};
+  out->sun_family = AF_UNIX;
+  const bool abstract = abstractSocket(path);
+  // A path needs its terminator; an abstract name is as long as it is.
+  if (path.empty() || path.size() + (abstract ? 0 : 1) > sizeof(out->sun_path)) return 0;
+  memcpy(out->sun_path, path.data(), path.size());
+  if (abstract) out->sun_path[0] = '\0';
+  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size() + (abstract ? 0 : 1));
+}
+
 int connectTo(const std::string& path, int timeoutMs, UniqueFd* out) {
   sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  if (path.empty() || path.size() >= sizeof(addr.sun_path)) return -ENAMETOOLONG;
-  memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  const socklen_t length = socketAddress(path, &addr);
+  if (length == 0) return -ENAMETOOLONG;
   UniqueFd sock(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!sock) return -errno;
   // A listener whose backlog is full keeps connect() waiting, as long as the send timeout says.
@@ -159,7 +170,7 @@ int connectTo(const std::string& path, int timeoutMs, UniqueFd* out) {
   if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) != 0) return -errno;
   int done;
   do {
-    done = connect(sock.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof(addr));
+    done = connect(sock.get(), reinterpret_cast<const sockaddr*>(&addr), length);
   } while (done != 0 && errno == EINTR);
   if (done != 0) return errno == EAGAIN || errno == EINPROGRESS ? -ETIMEDOUT : -errno;
   *out = std::move(sock);

@@ -3,7 +3,9 @@
 // waiting past a deadline; the connection to a peer's socket; the wait for an answer.
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <cstddef>
@@ -59,6 +61,12 @@ int awaitAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint3
 // awaitAnswer does, within timeoutMs in all. 0, or a negative errno.
 int roundTrip(int sock, uint8_t* buffer, size_t capacity, size_t size, int timeoutMs,
               Answer* answer, int* closing);
+
+// The address of the socket at path, and its length; 0 when path is empty or too long. A path that
+// starts with '@' names a socket in the abstract namespace: nothing on disk, gone with its last
+// descriptor.
+socklen_t socketAddress(const std::string& path, sockaddr_un* out);
+inline bool abstractSocket(const std::string& path) { return !path.empty() && path[0] == '@'; }
 
 // A SOCK_SEQPACKET connection to the socket at path, close-on-exec, that waits at most timeoutMs
 // to be accepted. 0, or a negative errno (-ENAMETOOLONG, -ENOENT, -ECONNREFUSED, -ETIMEDOUT, ...).

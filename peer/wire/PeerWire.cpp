@@ -116,6 +116,8 @@ int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out
   out->value = 0;
   out->cursor = StatusCursor();
   out->batch = 0;
+  out->op = FaultOp::List;
+  out->text.clear();
   Reader in(data, size);
   uint16_t kind = 0;
   const int header = readHeader(in, size, &kind, &out->seq);
@@ -146,6 +148,10 @@ int decodeRequest(const uint8_t* data, size_t size, size_t fdCount, Request* out
       break;
     case Kind::Cancel:
       out->batch = in.u32();
+      break;
+    case Kind::Faults:
+      out->op = static_cast<FaultOp>(in.u32());
+      in.text(in.left(), &out->text);
       break;
     default:
       return -EOPNOTSUPP;
@@ -188,6 +194,10 @@ size_t encodeRequest(uint8_t* buffer, size_t capacity, const Request& request) {
     case Kind::Cancel:
       out.u32(request.batch);
       break;
+    case Kind::Faults:
+      out.u32(static_cast<uint32_t>(request.op));
+      out.bytes(request.text.data(), request.text.size());
+      break;
     default:  // Ping, Holdings and the rest carry nothing
       break;
   }
@@ -210,6 +220,8 @@ size_t encodeAnswer(uint8_t* buffer, size_t capacity, const Answer& answer) {
     out.u8(answer.more ? 1 : 0);
     out.u32(answer.next.client);
     out.i64(answer.next.after);
+    out.bytes(answer.text.data(), answer.text.size());
+  } else if (answer.kind == answerKind(Kind::Faults)) {
     out.bytes(answer.text.data(), answer.text.size());
   }
   return out.finish();
@@ -236,6 +248,8 @@ int decodeAnswer(const uint8_t* data, size_t size, Answer* out) {
     in.text(in.left(), &out->text);
     if (more > 1) return -EPROTO;
     out->more = more == 1;
+  } else if (out->kind == answerKind(Kind::Faults)) {
+    in.text(in.left(), &out->text);
   }
   return in.done() ? 0 : -EPROTO;
 }

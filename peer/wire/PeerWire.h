@@ -13,6 +13,9 @@
 //   Holdings   (empty)               answer: u32 memories, u64 bytes, u32 staged, u64 staged bytes
 //   Status     u32 client, i64 after answer: u8 more, u32 client, i64 after, text
 //   Cancel     u32 batch             (undoes the registration batch whose first part had seq batch)
+//   Faults     u32 op, text          answer: text, whatever the status (the peer's fault rules:
+//                                    FaultOp; from a client of the peer's uid, of a peer that takes
+//                                    faults)
 //
 // An answer has the request's kind with kAnswer set, the request's seq, and the payload
 // i32 status (0 or a negative errno) followed, for status 0, by the kind's answer fields. The peer
@@ -40,6 +43,15 @@ enum class Kind : uint16_t {
   Status = 7,
   Cancel = 8,
   Closing = 9,  // sent by the peer only, as an answer
+  Faults = 10,
+};
+
+// What a Faults request does.
+enum class FaultOp : uint32_t {
+  Add = 1,      // adds the rule in text; the answer's text says what is wrong with a bad one
+  Clear = 2,    // drops every rule
+  List = 3,     // the answer's text: the seed line, then one line per rule with its counts
+  Release = 4,  // sends the answers that hold rules keep
 };
 constexpr uint16_t kAnswer = 0x8000;
 constexpr uint16_t answerKind(Kind kind) { return kAnswer | static_cast<uint16_t>(kind); }
@@ -88,6 +100,8 @@ struct Request {
   uint8_t value = 0;             // Fill
   StatusCursor cursor;           // Status
   uint32_t batch = 0;            // Cancel
+  FaultOp op = FaultOp::List;    // Faults
+  std::string text;              // Faults
 };
 
 // Decodes one request of size bytes that came with fdCount descriptors: 0, or -EBADMSG (short,
@@ -112,7 +126,7 @@ struct Answer {
   uint64_t stagedBytes = 0;  // Holdings
   bool more = false;         // Status: another page follows, from `next`
   StatusCursor next;         // Status
-  std::string text;          // Status
+  std::string text;          // Status; Faults, whatever the status
 };
 
 // Encodes an answer; the message's size, or 0 when it does not fit.

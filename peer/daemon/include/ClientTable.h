@@ -54,8 +54,10 @@ class ClientTable {
   // kept. 0, or the first failing record's error: -EINVAL (size 0 or negative), -EBADF (no
   // descriptor), -ENODEV (not a memfd), -EPERM (not sealed against shrinking), -EOVERFLOW (smaller
   // than the size), -EEXIST (handle already registered), -ENOSPC (beyond the limits or the room),
-  // -EPROTO (a continuation of no batch) or mmap's error.
-  int registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room);
+  // -EPROTO (a continuation of no batch) or mmap's error. failMapping (an errno, when not 0):
+  // the mapping of the message's last memory fails with it, as a failed mmap would.
+  int registerPart(const Request& request, std::vector<host::UniqueFd>& fds, Room room,
+                   int failMapping = 0);
   // Drops a batch whose last part has not come.
   void abandonBatch();
   // Undoes the committed batch whose first part had seq batch: the number of memories unmapped
@@ -81,7 +83,8 @@ class ClientTable {
   uint64_t length() const { return mLength; }
 
  private:
-  int admit(const Record& record, host::UniqueFd fd, const Room& room, Memory* out) const;
+  int admit(const Record& record, host::UniqueFd fd, const Room& room, int failMapping,
+            Memory* out) const;
   bool taken(int32_t handle) const;
   void release(Memory&& memory);
 

@@ -24,6 +24,7 @@
 
 #include "Budget.h"
 #include "ClientTable.h"
+#include "FaultRules.h"
 #include "Packet.h"
 #include "PeerWire.h"
 #include "Reaper.h"
@@ -57,7 +58,8 @@ class PeerServer {
   PeerServer(const PeerServer&) = delete;
   PeerServer& operator=(const PeerServer&) = delete;
 
-  // Creates the socket at path with mode 0600 (never wider, whatever the umask), and its
+  // Creates the socket at path (a name in the abstract namespace when it starts with '@', see
+  // socketAddress in Packet.h) with mode 0600 (never wider, whatever the umask), and its
   // directory with mode 0700 when missing, plans the budgets and listens. An existing directory is
   // used only when it belongs to this user or root, is no symbolic link and nobody else may write
   // to it. Peers starting together take turns in the directory, each waiting at most kLockWaitMs.
@@ -72,6 +74,11 @@ class PeerServer {
   int run(int stopFd);
   // Serves an already connected socket as a client of pid and uid (for in-process use).
   void adopt(host::UniqueFd sock, pid_t pid, uid_t uid);
+  // Injects the faults of rules, and takes more from clients of its uid at run time (without it,
+  // every request about faults is refused with -EPERM).
+  void takeFaults(FaultRules rules);
+  // When a fault rule ended the peer: the exit code it gave; otherwise -1.
+  int exitCode() const { return mExitCode; }
   // One round of service, waiting at most waitMs for something to do (-1: as long as it takes):
   // 1 to go on, 0 when stopFd became readable, or a negative errno if polling failed.
   int round(int stopFd, int waitMs);
@@ -118,12 +125,24 @@ class PeerServer {
   int waitMs(Clock::time_point now) const;
   // Opens the socket's directory into *out, made or checked (see listen): 0, or a negative errno.
   int openDirectory(const std::string& dir, UniqueFd* out);
+  // Opens the directory of the socket at path (*dir) and takes its lock (*lock), waiting at most
+  // kLockWaitMs: 0, or a negative errno (-EINTR when stopFd became readable meanwhile).
+  int lockDirectory(const std::string& path, int stopFd, std::string* dir, UniqueFd* lock);
+  // Binds sock to the socket file at path, replacing a stale one, and listens: 0, or a negative
+  // errno.
+  int bindPath(int sock, const std::string& path, const sockaddr_un& addr, socklen_t length,
+               const std::string& dir, int lock);
   // Hands what the connection's table let go of to the reaper.
   void reap(Connection& connection);
   // What the peer may still take in: memories and address space.
   Room room() const;
   // One request or slice of the connection's; null, or why the connection is to end.
   const char* turn(Connection& connection);
+  // The fault that a rule injects into a request of kind of the client pid, what: the request as
+  // the log line names it. A fault that fired is logged; one that ends the peer is carried out.
+  Fault inject(const char* kind, pid_t pid, const std::string& what);
+  // A Faults request of connection: its status, with the answer's text.
+  int controlFaults(const Connection& connection, const Request& request, Answer& answer);
 
   const ServerLimits mLimits;
   Budget mBudget;
@@ -144,7 +163,9 @@ class PeerServer {
   std::unique_ptr<uint8_t[]> mOut;
   Received mReceived;  // of the message being served, kept for its buffers' sake
   Request mRequest;
-  std::vector<uint8_t> mScratch;  // for reading memory
+  std::vector<uint8_t> mScratch;        // for reading memory
+  std::unique_ptr<FaultRules> mFaults;  // null: this peer takes no faults
+  int mExitCode = -1;
   // Declared last, so gone first: the destructor hands it everything, and it frees that and ends.
   Reaper mReaper;
 };
