@@ -4,7 +4,6 @@
 # The "host" component adds the peer daemon and the headers of its socket client
 # (vrocam::ipc_host_client). Everything finds what it needs through run paths relative to itself,
 # so the prefix can be anywhere and moved.
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(VROCAM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
@@ -12,13 +11,6 @@ set(VROCAM_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/vrocam)
 # The stand-ins have the closed libraries' names (libcutils.so among them): in a directory of their
 # own they cannot shadow, or be shadowed by, a real library of that name in the prefix's lib/.
 set(VROCAM_HOST_LIBDIR ${CMAKE_INSTALL_LIBDIR}/vrocam-host)
-
-# The path from one installed directory to another (empty: the prefix), both relative to the prefix.
-function(vrocam_relative_path out from to)
-  file(RELATIVE_PATH path "/prefix/${from}" "/prefix/${to}")
-  string(REGEX REPLACE "/$" "" path "${path}")
-  set(${out} ${path} PARENT_SCOPE)
-endfunction()
 
 # The library: beside it the package files, in lib/vrocam-host/ the stand-ins it runs with.
 vrocam_relative_path(lib_to_host ${CMAKE_INSTALL_LIBDIR} ${VROCAM_HOST_LIBDIR})

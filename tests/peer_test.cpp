@@ -30,10 +30,13 @@
 #include "Packet.h"
 #include "PeerCommands.h"
 #include "PeerHarness.h"
+#include "PeerProcess.h"
 #include "PeerServer.h"
+#include "PrivateDirectory.h"
 #include "ProcessSnapshot.h"
 #include "ProcessState.h"
 #include "SocketClient.h"
+#include "vrocam/testkit/PeerFixture.h"
 
 namespace vrocam {
 namespace test {
@@ -46,19 +49,7 @@ using peer::Record;
 const IPCClientShmMgr::Identifier kOwner{IPC_USER_ISP, 1, 7};
 using std::string;
 
-bool gLinked = false;  // whether the process-wide client was made for linkSocket()
-
-// The socket of every peer this process talks to: the manager keeps the first client it gets,
-// and that client keeps the path it was given.
-const std::string& linkSocket() {
-  static const std::string path = [] {
-    gLinked = true;
-    static TestPeer place;  // only for its private directory
-    setenv("VROCAM_IPC_SOCKET", place.socket().c_str(), 1);
-    return place.socket();
-  }();
-  return path;
-}
+bool gLinked = false;  // whether this process's socket client serves the kit's process socket
 
 // Regions of our own, sealed as the peer wants them unless unsealedAt names one.
 std::vector<ShmMemInfo> ownBatch(size_t count, unsigned int type, size_t unsealedAt = SIZE_MAX) {
@@ -70,31 +61,43 @@ std::vector<ShmMemInfo> ownBatch(size_t count, unsigned int type, size_t unseale
   return batch;
 }
 
-class PeerTest : public ::testing::Test {
+// Each test with a peer of its own, through the test kit's fixture, and this process's leak guard
+// and the peer's.
+class PeerTest : public testkit::PeerFixture {
  protected:
+  testkit::PeerOptions peerOptions() const override { return testPeerOptions(); }
+
   void SetUp() override {
-    ASSERT_NE(client, nullptr);
+    gLinked = true;
     const mode_t old = umask(0);  // the socket's mode must not depend on it
-    startPeer();
+    PeerFixture::SetUp();
     umask(old);
+    if (HasFatalFailure()) return;
+    client = SocketClient::shared();
+    ASSERT_NE(client, nullptr);
+    ASSERT_EQ(client->waitForPeer(0), 0);
+    snapshotPeer();
     mgr = IPCClientShmMgr::getInstance();
     leaks.emplace();
   }
 
   void TearDown() override {
-    if (mgr == nullptr) return;  // SetUp failed
-    EXPECT_EQ(mgr->releaseAllShmMems(), 0);
-    EXPECT_EQ(holdings().memories, 0u);
-    peerLeaks->expectNoLeaks();
-    EXPECT_EQ(peer.stop(), 0) << peer.log();
-    EXPECT_TRUE(peer.logShows("stopped: released 0 memories of 1 client\n")) << peer.log();
-    EXPECT_NE(access(linkSocket().c_str(), F_OK), 0) << "the peer left its socket file";
-    leaks->expectNoLeaks();
+    if (mgr != nullptr) {
+      EXPECT_EQ(mgr->releaseAllShmMems(), 0);
+      EXPECT_EQ(holdings().memories, 0u);
+      peerLeaks->expectNoLeaks();
+      EXPECT_EQ(peer().stop(), 0);
+      EXPECT_TRUE(peer().logShows("stopped: released 0 memories of 1 client\n"));
+    }
+    PeerFixture::TearDown();
+    if (leaks) leaks->expectNoLeaks();
   }
 
   // (Re)starts the peer; then one ping reconnects, the connection of an earlier peer being dead.
   void startPeer(const std::vector<string>& flags = {}, bool ping = true, rlim_t maxFiles = 0) {
-    ASSERT_EQ(peer.start(flags, maxFiles), 0) << peer.log();
+    peer().options().flags = flags;
+    peer().options().maxFiles = maxFiles;
+    ASSERT_EQ(peer().start(), 0) << peer().log();
     if (ping) {
       ASSERT_EQ(client->waitForPeer(0), 0);
       snapshotPeer();
@@ -103,7 +106,7 @@ class PeerTest : public ::testing::Test {
 
   // What the peer holds open, taken once one of this process's calls was answered: by then the
   // peer has dropped every connection that ended before.
-  void snapshotPeer() { peerLeaks.emplace(peer.pid()); }
+  void snapshotPeer() { peerLeaks.emplace(peer().pid()); }
 
   PeerHoldings holdings() {
     PeerHoldings held{};
@@ -111,8 +114,7 @@ class PeerTest : public ::testing::Test {
     return held;
   }
 
-  TestPeer peer{linkSocket()};
-  SocketClient* client = SocketClient::shared();
+  SocketClient* client = nullptr;
   IPCClientShmMgr* mgr = nullptr;
   std::optional<LeakGuard> leaks, peerLeaks;
 };
@@ -157,7 +159,7 @@ TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
   for (const ShmMemInfo& info : refused) freeRegion(Region{info.fd, info.addr, info.size});
   ASSERT_EQ(mgr->registerShmMem(kOwner, ownBatch(1100, 5)), 0);
   EXPECT_EQ(holdings().memories, 1100u);
-  EXPECT_NE(runPeer("--status --socket " + peer.socket())  // more than one page
+  EXPECT_NE(runPeer("--status --socket " + peer().socket())  // more than one page
                 .find("name batch-1099\ntotal: 1 clients, 1100 memories, 4505600 bytes\n"),
             std::string::npos);
   EXPECT_EQ(mgr->releaseAllShmMems(), 0);
@@ -166,16 +168,16 @@ TEST_F(PeerTest, ABatchBeyondOneMessageIsAllOrNothing) {
 
 // Every refusal of the peer, and of the client before sending, is what the caller gets.
 TEST_F(PeerTest, ThePeersRefusalsReachTheCallerUnchanged) {
-  ASSERT_EQ(peer.stop(), 0);
+  ASSERT_EQ(peer().stop(), 0);
   ASSERT_NO_FATAL_FAILURE(
       startPeer({"--max-memories", "3", "--max-bytes", "64K", "--max-clients", "1"}));
   EXPECT_TRUE(
-      peer.logShows(logHead('I', "vrocam_ipc_peer", peer.pid()) + "serving " + peer.socket() +
-                    " (per client at most 3 memories and 65536 bytes; at most 1 client)\n"));
-  EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), -EUSERS);
-  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(getpid()) + " uid " +
-                            std::to_string(getuid()) + ": already 1 client\n"));
-  EXPECT_NE(runPeer("--status --socket " + peer.socket()).find("total: 1 clients"), string::npos)
+      peer().logShows(logHead('I', "vrocam_ipc_peer", peer().pid()) + "serving " + peer().socket() +
+                      " (per client at most 3 memories and 65536 bytes; at most 1 client)\n"));
+  EXPECT_EQ(RawClient(peer().socket()).send(message(Kind::Ping)), -EUSERS);
+  EXPECT_TRUE(peer().logShows("refused client pid " + std::to_string(getpid()) + " uid " +
+                              std::to_string(getuid()) + ": already 1 client\n"));
+  EXPECT_NE(runPeer("--status --socket " + peer().socket()).find("total: 1 clients"), string::npos)
       << "the status is not shown when every client slot is taken";
   int pipeFds[2];
   ASSERT_EQ(pipe2(pipeFds, O_CLOEXEC), 0);
@@ -250,7 +252,7 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   ShmMemInfo info;
   ASSERT_EQ(mgr->getShmInfo(info, kOwner, 1, -1), 0);
-  EXPECT_EQ(peer.stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_EQ(peer().stop(SIGKILL), 128 + SIGKILL);
   std::string warnings;
   {
     ::testing::internal::CaptureStderr();
@@ -263,7 +265,7 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   EXPECT_FALSE(isOpen(info.fd));
   EXPECT_EQ(mappingOf(info.addr), "");
   const std::string warning =
-      logHead('W', "VroIPCClient") + "cannot reach the peer at " + linkSocket() + ": ";
+      logHead('W', "VroIPCClient") + "cannot reach the peer at " + testkit::processSocket() + ": ";
   EXPECT_NE(warnings.find(warning + "-111 ECONNREFUSED: Connection refused\n"), string::npos)
       << warnings;
   EXPECT_EQ(warnings.find(warning), warnings.rfind(warning)) << warnings;
@@ -271,25 +273,25 @@ TEST_F(PeerTest, APeerThatDiesFailsCallsWithoutLeaksUntilItIsBack) {
   const host::UniqueFd ours(memfd_create("not-for-the-peer", 0));
   const host::UniqueFd high(fcntl(ours.get(), F_DUPFD, 100));
   ASSERT_NO_FATAL_FAILURE(startPeer());
-  for (const auto& [fd, target] : host::ProcessSnapshot::of(peer.pid()).descriptors)
+  for (const auto& [fd, target] : host::ProcessSnapshot::of(peer().pid()).descriptors)
     EXPECT_EQ(target.find("not-for-the-peer"), string::npos) << fd;
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
   ASSERT_EQ(mgr->releaseAllShmMems(), 0);
 
   // A call whose request the peer took before it died fails, and is not sent again.
-  peer.freeze();
+  peer().freeze();
   ::testing::internal::CaptureStderr();
   std::thread call([&] {
     PeerHoldings held{};
     EXPECT_EQ(client->sendCommand(PEER_COMMAND_HOLDINGS, &held, sizeof(held)), -ECONNRESET);
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // it has sent by then
-  EXPECT_EQ(peer.stop(SIGKILL), 128 + SIGKILL);
+  EXPECT_EQ(peer().stop(SIGKILL), 128 + SIGKILL);
   call.join();
   const string lost = capturedStderr();  // written by the calling thread
   EXPECT_EQ(lost.substr(std::min(lost.find(" W "), lost.size())),
-            " W VroIPCClient: lost the peer at " + linkSocket() +
+            " W VroIPCClient: lost the peer at " + testkit::processSocket() +
                 ": -104 ECONNRESET: Connection reset by peer\n");
   ASSERT_NO_FATAL_FAILURE(startPeer());
 }
@@ -309,15 +311,14 @@ TEST_F(PeerTest, EveryCallReconnectsToAPeerThatCameBack) {
   };
   const int stopSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGTERM};
   for (const auto& call : firstCalls) {
-    EXPECT_EQ(peer.stop(stopSignals[&call - firstCalls]), 0);
-    EXPECT_NE(access(peer.socket().c_str(), F_OK), 0) << "the peer left its socket file";
+    EXPECT_EQ(peer().stop(stopSignals[&call - firstCalls]), 0);
     ASSERT_NO_FATAL_FAILURE(startPeer({}, false));
     EXPECT_EQ(call(), 0) << "call " << &call - firstCalls;
     snapshotPeer();
   }
-  EXPECT_TRUE(peer.logShows("stopped: released 1 memory of 1 client\n")) << peer.log();
+  EXPECT_TRUE(peer().logShows("stopped: released 1 memory of 1 client\n")) << peer().log();
   freeRegion(own);
-  EXPECT_EQ(peer.stop(), 0);
+  EXPECT_EQ(peer().stop(), 0);
   std::thread waiter([&] { EXPECT_EQ(client->waitForPeer(10000), 0); });
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   startPeer({}, false);  // on this thread: the peer dies with the thread that started it
@@ -331,7 +332,7 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
   ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
   const pid_t child = fork();
   if (child == 0) {
-    SocketClient other(linkSocket(), 2000);
+    SocketClient other(testkit::processSocket(), 2000);
     const Region plain = makeRegion(4096, "plain", kRegionSeals);
     const Region evil = makeRegion(8192, "evil", kRegionSeals);
     std::vector<ShmMemInfo> infos{{"plain", 4, 4096, plain.fd, plain.addr, 1},
@@ -345,26 +346,26 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
   close(ready[0]);
   const std::string who =
       "client pid " + std::to_string(child) + " uid " + std::to_string(getuid());
-  EXPECT_TRUE(peer.logShows(who + " connected\n"));
-  RawClient silent(peer.socket());  // connected, and no client until it asks something
-  const std::string status = runPeer("--status --socket " + peer.socket());
-  EXPECT_EQ(
-      status.rfind(
-          "peer pid " + std::to_string(peer.pid()) + ": 2 of at most 64 clients; 2 of at most ", 0),
-      0u)
+  EXPECT_TRUE(peer().logShows(who + " connected\n"));
+  RawClient silent(peer().socket());  // connected, and no client until it asks something
+  const std::string status = runPeer("--status --socket " + peer().socket());
+  EXPECT_EQ(status.rfind("peer pid " + std::to_string(peer().pid()) +
+                             ": 2 of at most 64 clients; 2 of at most ",
+                         0),
+            0u)
       << status;
   EXPECT_NE(status.find(who + ": 2 memories, 12288 bytes\n  handle 1 type 4 size 4096 name plain\n"
                               "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\\xff\n"),
             std::string::npos)
       << status;
-  EXPECT_NE(runPeer("--status --json --socket " + peer.socket())
+  EXPECT_NE(runPeer("--status --json --socket " + peer().socket())
                 .find("\"name\": \"evil\\u001b[31m\\u0009name\\u00ff\"}]}"),
             std::string::npos);
   EXPECT_NE(status.find("total: 2 clients, 2 memories, 12288 bytes\n"), std::string::npos);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
-  EXPECT_TRUE(peer.logShows(who + " disconnected: released 2 memories (12288 bytes)\n"))
-      << peer.log();
+  EXPECT_TRUE(peer().logShows(who + " disconnected: released 2 memories (12288 bytes)\n"))
+      << peer().log();
   ShmMemAlloc alloc{"survivor", 1, 4096};
   EXPECT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
   EXPECT_EQ(holdings().memories, 1u);
@@ -372,39 +373,48 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
 
 // The socket is private, not taken over by a second peer, and refuses clients of another uid.
 TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
+  // A socket file is made with mode 0600 whatever the umask, and every stop signal removes it.
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  TestPeer filed(home.path() + "/peer.sock");
   struct stat st {};
-  ASSERT_EQ(stat(peer.socket().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode, S_IFSOCK | 0600);
-  EXPECT_NE(runPeer("--socket " + peer.socket() + " 2>&1").find("Address already in use"),
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, 0}) {
+    const mode_t old = umask(0);
+    ASSERT_EQ(filed.start(), 0) << filed.log();
+    umask(old);
+    ASSERT_EQ(stat(filed.socket().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode, S_IFSOCK | 0600);
+    if (signal == 0) break;  // the last one serves on
+    EXPECT_EQ(filed.stop(signal), 0);
+    EXPECT_NE(access(filed.socket().c_str(), F_OK), 0) << "the peer left its socket file";
+  }
+  EXPECT_NE(runPeer("--socket " + filed.socket() + " 2>&1").find("Address already in use"),
             std::string::npos);
-  ASSERT_EQ(client->waitForPeer(0), 0) << "the first peer no longer serves";
-  const std::string tooLong = peer.socket() + std::string(108 - peer.socket().size(), 's');
+  EXPECT_EQ(RawClient(filed.socket()).send(message(Kind::Ping)), 0)
+      << "the first one no longer serves";
+  const std::string tooLong = filed.socket() + std::string(108 - filed.socket().size(), 's');
   EXPECT_NE(
       runPeer("--socket " + tooLong + " 2>&1").find(": -36 ENAMETOOLONG: File name too long\n"),
       std::string::npos);
-  const std::string file = peer.socket() + ".txt";  // not a socket: left alone
+  const std::string file = filed.socket() + ".txt";  // not a socket: left alone
   ASSERT_TRUE(std::ofstream(file).good());
   EXPECT_NE(runPeer("--socket " + file + " 2>&1").find(": -17 EEXIST: File exists\n"),
             std::string::npos);
   EXPECT_EQ(unlink(file.c_str()), 0);
   // The missing directories of a socket's path are made private, and go when the peer stops.
-  const string made[] = {peer.dir() + "/a", peer.dir() + "/a/b"};
-  std::optional<TestPeer> nested(std::in_place, made[1] + "/peer.sock");
-  ASSERT_EQ(nested->start(), 0) << nested->log();
+  const string made[] = {home.path() + "/a", home.path() + "/a/b"};
+  TestPeer nested(made[1] + "/peer.sock");
+  ASSERT_EQ(nested.start(), 0) << nested.log();
   for (const string& dir : made) {
     ASSERT_EQ(stat(dir.c_str(), &st), 0) << dir;
     EXPECT_EQ(st.st_mode, S_IFDIR | 0700) << dir;
   }
-  EXPECT_EQ(nested->stop(), 0);
+  EXPECT_EQ(nested.stop(), 0);
   EXPECT_NE(access(made[0].c_str(), F_OK), 0) << "the directories stay";
-  const string logDir = nested->dir();
-  nested.reset();
-  EXPECT_NE(access(logDir.c_str(), F_OK), 0) << "the test peer's directory stays, with its log";
   // An existing directory is used only when nobody else can write to it, or swap it.
-  const string open = peer.dir() + "/open", link = peer.dir() + "/link";
+  const string open = home.path() + "/open", link = home.path() + "/link";
   ASSERT_EQ(mkdir(open.c_str(), 0700), 0);
   ASSERT_EQ(chmod(open.c_str(), 0777), 0);
-  ASSERT_EQ(symlink(peer.dir().c_str(), link.c_str()), 0);
+  ASSERT_EQ(symlink(home.path().c_str(), link.c_str()), 0);
   const std::pair<string, string> unsafe[] = {{open, "can be written by others (mode 0777)"},
                                               {link, "is a symbolic link"}};
   for (const auto& [dir, problem] : unsafe) {
@@ -417,46 +427,46 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
   EXPECT_EQ(rmdir(open.c_str()), 0);
   // Another process holding the directory's lock keeps the peer from starting for a while only,
   // and a stop signal ends the wait at once.
-  const host::UniqueFd lock(::open(peer.dir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const host::UniqueFd lock(::open(home.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
   int exitCode = -1;
-  EXPECT_NE(runTool(VROCAM_PEER_BINARY, "--socket " + peer.dir() + "/locked.sock 2>&1", &exitCode)
-                .find("another process has held the lock of " + peer.dir() + " for 2 s\n"),
+  EXPECT_NE(runTool(VROCAM_PEER_BINARY, "--socket " + home.path() + "/locked.sock 2>&1", &exitCode)
+                .find("another process has held the lock of " + home.path() + " for 2 s\n"),
             string::npos);
   EXPECT_EQ(exitCode, 1);
   peer::PeerProcess waiting;
-  EXPECT_EQ(waiting.start({{VROCAM_PEER_BINARY}, peer.dir() + "/locked.sock", {}, "", 100}),
+  EXPECT_EQ(waiting.start({{VROCAM_PEER_BINARY}, home.path() + "/locked.sock", {}, "", 100}),
             -ETIMEDOUT);
   const int stopped = waiting.stop(SIGTERM);
   EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
   // The launcher says why a peer did not come: a command that cannot run, or no answer in time.
   peer::PeerProcess launcher;
-  EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, peer.socket() + ".x", {}, ""}), -ENOENT);
-  EXPECT_EQ(launcher.start({{"/bin/sh", "-c", "sleep 10"}, peer.socket() + ".x", {}, "", 100}),
+  EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, filed.socket() + ".x", {}, ""}), -ENOENT);
+  EXPECT_EQ(launcher.start({{"/bin/sh", "-c", "sleep 10"}, filed.socket() + ".x", {}, "", 100}),
             -ETIMEDOUT);
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
-  const string foreign = peer.dir() + "/foreign";
+  const string foreign = home.path() + "/foreign";
   ASSERT_EQ(mkdir(foreign.c_str(), 0700), 0);
   ASSERT_EQ(chown(foreign.c_str(), 65534, 65534), 0);
   EXPECT_NE(runPeer("--socket " + foreign + "/peer.sock 2>&1")
                 .find(": the directory belongs to uid 65534"),
             string::npos);
   EXPECT_EQ(rmdir(foreign.c_str()), 0);
-  const std::string dir = peer.socket().substr(0, peer.socket().rfind('/'));
+  const std::string dir = filed.socket().substr(0, filed.socket().rfind('/'));
   ASSERT_EQ(chmod(dir.c_str(), 0711), 0);
-  ASSERT_EQ(chmod(peer.socket().c_str(), 0666), 0);
+  ASSERT_EQ(chmod(filed.socket().c_str(), 0666), 0);
   const pid_t child = fork();
   if (child == 0) {
     if (setgid(65534) != 0 || setuid(65534) != 0) _exit(2);
-    SocketClient other(peer.socket(), 2000);
+    SocketClient other(filed.socket(), 2000);
     _exit(other.waitForPeer(0) < 0 ? 0 : 1);
   }
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0) << "a client of uid 65534 was served";
-  EXPECT_TRUE(peer.logShows("refused client pid " + std::to_string(child) +
-                            " uid 65534: neither the peer's uid nor root\n"));
+  EXPECT_TRUE(filed.logShows("refused client pid " + std::to_string(child) +
+                             " uid 65534: neither the peer's uid nor root\n"));
 
   // Nor is memory sent to a server of another uid, whoever made its socket.
   const string fake = dir + "/impostor.sock";
@@ -557,21 +567,21 @@ TEST_F(PeerTest, MalformedMessagesAreAnsweredWithAnError) {
        0},
   };
   for (const auto& c : cases)
-    EXPECT_EQ(RawClient(peer.socket()).send(c.bytes, c.fds), c.expected) << c.what;
+    EXPECT_EQ(RawClient(peer().socket()).send(c.bytes, c.fds), c.expected) << c.what;
   // An empty message is no hang-up, even with the next message already behind it.
-  RawClient quick(peer.socket());
+  RawClient quick(peer().socket());
   ASSERT_EQ(quick.send(message(Kind::Ping)), 0);
-  peer.freeze();
+  peer().freeze();
   const auto ping = message(Kind::Ping);
   ASSERT_EQ(quick.post({}), 0);
   ASSERT_EQ(quick.post(ping), 0);
-  peer.thaw();
+  peer().thaw();
   EXPECT_EQ(quick.send(ping), -EBADMSG);
   EXPECT_EQ(quick.send(ping), 0);
   // A batch left unfinished is dropped, with its descriptors, by the next message.
-  RawClient staging(peer.socket());
+  RawClient staging(peer().socket());
   ASSERT_EQ(staging.send(message(Kind::Ping)), 0);
-  const LeakGuard beforeStaging(peer.pid());
+  const LeakGuard beforeStaging(peer().pid());
   ASSERT_EQ(staging.send(registerMessage({record}, peer::kMore), {memory.fd}), 0);
   peer::Answer held;  // a query leaves the batch open
   ASSERT_EQ(staging.send(message(Kind::Holdings), {}, &held), 0);
@@ -621,34 +631,36 @@ TEST_F(PeerTest, CallsFromSeveralThreadsGetTheirOwnAnswers) {
 // A peer out of descriptors refuses a new client at once and serves the clients it has.
 TEST_F(PeerTest, APeerOutOfDescriptorsRefusesNewClientsAndServesTheOthers) {
   const auto highest =
-      static_cast<rlim_t>(host::ProcessSnapshot::of(peer.pid()).descriptors.rbegin()->first);
+      static_cast<rlim_t>(host::ProcessSnapshot::of(peer().pid()).descriptors.rbegin()->first);
   const rlimit low{highest + 3, highest + 3};
-  ASSERT_EQ(prlimit(peer.pid(), RLIMIT_NOFILE, &low, nullptr), 0);
+  ASSERT_EQ(prlimit(peer().pid(), RLIMIT_NOFILE, &low, nullptr), 0);
   std::vector<std::unique_ptr<RawClient>> clients;
   int answer = 0;
   while (answer == 0 && clients.size() < 16) {
-    clients.push_back(std::make_unique<RawClient>(peer.socket()));
+    clients.push_back(std::make_unique<RawClient>(peer().socket()));
     answer = clients.back()->send(message(Kind::Ping));
   }
   EXPECT_EQ(answer, -EMFILE) << "not refused at once";
-  EXPECT_TRUE(peer.logShows("refused a client: out of descriptors\n"));
-  clients.back() = std::make_unique<RawClient>(peer.socket());  // refused again: nothing spins
+  EXPECT_TRUE(peer().logShows("refused a client: out of descriptors\n"));
+  clients.back() = std::make_unique<RawClient>(peer().socket());  // refused again: nothing spins
   answer = clients.back()->send(message(Kind::Ping));
   EXPECT_EQ(answer, -EMFILE) << "not refused again";
   clients.pop_back();
   for (const auto& client : clients) EXPECT_EQ(client->send(message(Kind::Ping)), 0);
   clients.erase(clients.begin());
   EXPECT_EQ(clients[0]->send(message(Kind::Ping)), 0);
-  RawClient later(peer.socket());
+  RawClient later(peer().socket());
   EXPECT_EQ(later.send(message(Kind::Ping)), 0);
 }
 
 // The peer's command line: each bad option or value is named, and --status prints JSON too.
 TEST_F(PeerTest, ThePeersCommandLine) {
   EXPECT_TRUE(
-      peer.logShows("holding nothing gives up its slot after 30 s; an unfinished batch or "
-                    "an untaken answer is dropped after 10 s\n"));
-  const string at = " --socket " + peer.dir() + "/other.sock 2>&1";
+      peer().logShows("holding nothing gives up its slot after 30 s; an unfinished batch or "
+                      "an untaken answer is dropped after 10 s\n"));
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  ASSERT_TRUE(std::ofstream(home.path() + "/file").good());
+  const string at = " --socket " + home.path() + "/other.sock 2>&1";
   // --status finds the peer through VROCAM_IPC_SOCKET, which the fixture set.
   const struct {
     string args;
@@ -661,7 +673,7 @@ TEST_F(PeerTest, ThePeersCommandLine) {
       {"--status --json", 0,
        "\"maxMemoriesPerClient\": 4096, \"maxBytesPerClient\": 4294967296, \"idleTimeoutMs\": "
        "30000, \"batchTimeoutMs\": 10000}"},
-      {"--status --socket " + peer.dir() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file"},
+      {"--status --socket " + home.path() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file"},
       {"--bogus" + at, 2, "vrocam_ipc_peer: unknown option '--bogus' (see --help)\n"},
       {"--max-clients=0" + at, 2, "--max-clients 0: not a whole number from 1 to 1024 (see"},
       {"--max-bytes 1Q" + at, 2, "--max-bytes 1Q: not a whole number from 1 to 1125899906842624"},
@@ -671,7 +683,7 @@ TEST_F(PeerTest, ThePeersCommandLine) {
       {"stray" + at, 2, "unexpected argument 'stray'"},
       {"2>&1 --socket", 2, "--socket needs a value"},
       {"2>&1", 2, "--socket PATH is needed"},
-      {"--socket " + peer.dir() + "/peer.log/x 2>&1", 1, "/x: -20 ENOTDIR: Not a directory\n"},
+      {"--socket " + home.path() + "/file/x 2>&1", 1, "/x: -20 ENOTDIR: Not a directory\n"},
   };
   for (const auto& c : cases) {
     int exitCode = -1;
@@ -698,7 +710,7 @@ TEST_F(PeerTest, TheDemosCommandLine) {
       {"--size=8K --regions 1", 0, "IPC client: the in-process loopback"},
       {"--size 4Q 2>&1", 2, "--size 4Q: not a whole number from 1 to 16777216 (K, M, G and"},
       {"--regions 65 2>&1", 2, "--regions 65: not a whole number from 1 to 64"},
-      {"--peer " + peer.dir() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file or directory\n"},
+      {"--peer /nonexistent/peer 2>&1", 1, "/peer: -2 ENOENT: No such file or directory\n"},
       {"--regions 1 2>/dev/null" + peerFlag, 0,
        native ? "; the peer holds 0 memories and exited with 0\n" : "every step succeeded"},
       {"--regions 1", 0, " == ours; peer wrote 0x"},
@@ -773,7 +785,7 @@ TEST_F(PeerTest, TheDemosDirectoryCannotBeTakenOver) {
 // is done off the serving thread.
 TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
   const Region big = makeRegion(64 << 20, "big", kRegionSeals);
-  RawClient busy(peer.socket()), other(peer.socket());
+  RawClient busy(peer().socket()), other(peer().socket());
   ASSERT_EQ(busy.send(registerMessage({Record{1, 0, 64 << 20, "big"}}), {big.fd}), 0);
   peer::Request fill;
   fill.kind = Kind::Fill;
@@ -807,17 +819,17 @@ TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
   std::vector<std::unique_ptr<RawClient>> fillers;
   for (int i = 0; i < 8; ++i) {
     regions.push_back(makeRegion(16 << 20, "fill", kRegionSeals));
-    fillers.push_back(std::make_unique<RawClient>(peer.socket()));
+    fillers.push_back(std::make_unique<RawClient>(peer().socket()));
     ASSERT_EQ(fillers[i]->send(registerMessage({Record{1, 0, 16 << 20, "fill"}}), {regions[i].fd}),
               0);
   }
   int posted[2], done[2];
   ASSERT_EQ(pipe2(posted, O_CLOEXEC), 0);
   ASSERT_EQ(pipe2(done, O_CLOEXEC), 0);
-  peer.freeze();
+  peer().freeze();
   const pid_t child = fork();
   if (child == 0) {
-    RawClient pinger(peer.socket());
+    RawClient pinger(peer().socket());
     for (int i = 0; i < 8; ++i) pinger.post(ping);
     int answers = write(posted[1], "p", 1) == 1 ? 0 : -1;
     while (answers >= 0 && answers < 8 &&
@@ -829,15 +841,15 @@ TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
   }
   EXPECT_EQ(read(posted[0], &byte, 1), 1);
   for (const auto& filler : fillers) ASSERT_EQ(filler->post(bytes), 0);
-  peer.thaw();
+  peer().thaw();
   EXPECT_EQ(read(done[0], &byte, 1), 1);
-  peer.freeze();
+  peer().freeze();
   size_t filled = 0;  // pages: a fill goes from the start
   for (const Region& region : regions) {
     for (size_t at = 0; at < region.size; at += 4096)
       filled += static_cast<uint8_t*>(region.addr)[at] == 7;
   }
-  peer.thaw();
+  peer().thaw();
   EXPECT_LT(filled, (32u << 20) / 4096) << "of " << (128u << 20) / 4096;
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);
@@ -850,7 +862,7 @@ TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
   // gives back the gigabyte whose last reference it held.
   host::UniqueFd gigabyte = host::sealedMemfd("gigabyte", 1u << 30);
   ASSERT_EQ(fallocate(gigabyte.get(), 0, 0, 1 << 30), 0);
-  RawClient freeing(peer.socket());
+  RawClient freeing(peer().socket());
   ASSERT_EQ(freeing.send(registerMessage({Record{1, 0, 1 << 30, "gigabyte"}}), {gigabyte.get()}),
             0);
   gigabyte.reset();
@@ -867,25 +879,25 @@ TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
 // The peer holds memories within what its descriptor limit allows and keeps serving every client;
 // a batch left unfinished is dropped, and an idle client gives its slot to a new one.
 TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
-  ASSERT_EQ(peer.stop(), 0);
+  ASSERT_EQ(peer().stop(), 0);
   TestPeer starved;
   EXPECT_EQ(starved.start({}, 24), -ECHILD);
   EXPECT_EQ(starved.stop(), -1) << "a peer that ended is stopped again";
   EXPECT_TRUE(starved.logShows(": the descriptor limit 24 leaves none for memories"));
   // One client cannot take the whole budget: with two client slots each gets half of it.
   const auto logged = [&](const string& text) {
-    const string log = peer.log();
+    const string log = peer().log();
     const size_t at = log.rfind(text);
     return at == string::npos ? 0 : std::stoul(log.substr(at + text.size()));
   };
   ASSERT_NO_FATAL_FAILURE(startPeer({"--max-clients", "2"}, true, 120));
   const size_t budget = logged("budget: at most "), share = logged("per client at most ");
-  EXPECT_EQ(share, budget / 2) << peer.log();
+  EXPECT_EQ(share, budget / 2) << peer().log();
   const Region region = makeRegion(4096, "raw", kRegionSeals);
   std::vector<ShmMemInfo> all = ownBatch(share + 1, 3);
   ::testing::internal::CaptureStderr();
   EXPECT_EQ(mgr->registerShmMem(kOwner, all), -ENOSPC);
-  EXPECT_NE(capturedStderr().find(logHead('W', "VroIPCClient") + "the peer at " + peer.socket() +
+  EXPECT_NE(capturedStderr().find(logHead('W', "VroIPCClient") + "the peer at " + peer().socket() +
                                   " refused to register " + std::to_string(all.size()) +
                                   " memories: -28 ENOSPC: No space left on device\n"),
             string::npos);
@@ -895,11 +907,11 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   std::vector<Record> records;
   for (int32_t handle = 1; records.size() < share; ++handle)
     records.push_back({handle, 0, 4096, "raw"});
-  EXPECT_EQ(RawClient(peer.socket())
+  EXPECT_EQ(RawClient(peer().socket())
                 .send(registerMessage(records), std::vector<int>(records.size(), region.fd)),
             0);
   ASSERT_EQ(mgr->releaseShmMem(kOwner, 3), 0);
-  ASSERT_EQ(peer.stop(), 0);
+  ASSERT_EQ(peer().stop(), 0);
   // Given a larger limit, a client may take the whole budget, and no more.
   ASSERT_NO_FATAL_FAILURE(startPeer({"--max-clients", "2", "--max-memories", "1000",
                                      "--batch-timeout", "300", "--idle-timeout", "300"},
@@ -908,36 +920,37 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   EXPECT_EQ(mgr->registerShmMem(kOwner, all), -ENOSPC);
   freeRegion(Region{all.back().fd, all.back().addr, 4096});
   all.pop_back();
-  ASSERT_EQ(mgr->registerShmMem(kOwner, all), 0) << peer.log();
-  RawClient greedy(peer.socket());
+  ASSERT_EQ(mgr->registerShmMem(kOwner, all), 0) << peer().log();
+  RawClient greedy(peer().socket());
   const Record one{1, 0, 4096, "raw"}, two{2, 0, 4096, "raw"};
   EXPECT_EQ(greedy.send(registerMessage({one}), {region.fd}), -ENOSPC);
   ASSERT_EQ(mgr->releaseShmMem(kOwner, 3), 0);
   EXPECT_EQ(greedy.send(registerMessage({one, two}, peer::kMore), {region.fd, region.fd}), 0);
-  EXPECT_NE(runPeer("--status --socket " + peer.socket()).find("staged 2 memories, 8192 bytes\n"),
+  EXPECT_NE(runPeer("--status --socket " + peer().socket()).find("staged 2 memories, 8192 bytes\n"),
             string::npos);
   EXPECT_TRUE(
-      peer.logShows("dropped an unfinished batch of 2 memories (8192 bytes): its next part "
-                    "did not come within 300 ms\n"));
+      peer().logShows("dropped an unfinished batch of 2 memories (8192 bytes): its next part "
+                      "did not come within 300 ms\n"));
   ShmMemAlloc alloc{"kept", 1, 4096};  // this client holds something: the idle one goes
   ASSERT_EQ(mgr->allocateShmMem(kOwner, alloc), 0);
-  EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
-  EXPECT_TRUE(peer.logShows("gave up its slot to a new client: idle and holding nothing"));
+  EXPECT_EQ(RawClient(peer().socket()).send(message(Kind::Ping)), 0);
+  EXPECT_TRUE(peer().logShows("gave up its slot to a new client: idle and holding nothing"));
   EXPECT_EQ(greedy.send(message(Kind::Ping)), -ETIMEDOUT) << "the reason it was given";
   // One that leaves its answers untaken is dropped after a while, and holds up no other meanwhile.
-  RawClient deaf(peer.socket());
+  RawClient deaf(peer().socket());
   const auto ping = message(Kind::Ping);
   while (deaf.post(ping, 100) == 0) {
   }
   EXPECT_EQ(holdings().memories, 1u);
-  EXPECT_TRUE(peer.logShows(" dropped: it left its answer untaken too long: released 0 memories"));
+  EXPECT_TRUE(
+      peer().logShows(" dropped: it left its answer untaken too long: released 0 memories"));
   // Connections that never ask anything take no slot for good either.
   std::vector<std::unique_ptr<RawClient>> silent;
   while (silent.size() < 1 + vrocam::peer::PeerServer::kVisitors) {
-    silent.push_back(std::make_unique<RawClient>(peer.socket()));
+    silent.push_back(std::make_unique<RawClient>(peer().socket()));
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(400));  // beyond --idle-timeout
-  EXPECT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
+  EXPECT_EQ(RawClient(peer().socket()).send(message(Kind::Ping)), 0);
   freeRegion(region);
 }
 
@@ -945,11 +958,11 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
 // map, and nothing the peer cannot allocate ends it.
 TEST_F(PeerTest, TheAddressSpaceHasABudgetToo) {
   if (*VROCAM_TEST_EMULATOR != '\0') GTEST_SKIP() << "an emulator maps guest memory its own way";
-  ASSERT_EQ(peer.stop(), 0);
+  ASSERT_EQ(peer().stop(), 0);
   ASSERT_NO_FATAL_FAILURE(startPeer({"--max-bytes", "1024T"}));
   const host::UniqueFd sparse = host::sealedMemfd("sparse", size_t{1} << 40);
   ASSERT_TRUE(sparse);
-  RawClient greedy(peer.socket());
+  RawClient greedy(peer().socket());
   int answer = 0;
   int32_t handle = 0;
   while (answer == 0 && handle < 200) {
@@ -964,15 +977,16 @@ TEST_F(PeerTest, TheAddressSpaceHasABudgetToo) {
 // A log that nobody reads never stops the peer: lines are dropped, counted and reported later.
 // A client connecting in a loop gets a few lines a second logged; repeats are summarised.
 TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
-  ASSERT_EQ(peer.stop(), 0);
-  const string log = peer.dir() + "/peer.log";
-  ASSERT_EQ(unlink(log.c_str()), 0);
+  ASSERT_EQ(peer().stop(), 0);
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  const string log = home.path() + "/peer.log";
   ASSERT_EQ(mkfifo(log.c_str(), 0600), 0);
   const host::UniqueFd pipe(open(log.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
   ASSERT_EQ(fcntl(pipe.get(), F_SETPIPE_SZ, 4096), 4096);
-  ASSERT_NO_FATAL_FAILURE(startPeer());
+  peer::PeerProcess logging;
+  ASSERT_EQ(logging.start({testPeerOptions().command, peer().socket(), {}, log}), 0);
   const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < 1000; ++i) ASSERT_EQ(RawClient(peer.socket()).send(message(Kind::Ping)), 0);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(RawClient(peer().socket()).send(message(Kind::Ping)), 0);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   string text;
   const string suppressed = " lines about clients connecting: at most 10 a second are logged\n";
@@ -989,15 +1003,14 @@ TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
   const size_t dropped = text.find(" log lines: the log could not take them at once\n");
   EXPECT_NE(dropped, string::npos);
   EXPECT_EQ(dropped, text.rfind(" log lines: ")) << "reported twice";
-  ASSERT_EQ(peer.stop(), 0);
-  ASSERT_EQ(unlink(log.c_str()), 0);
+  ASSERT_EQ(logging.stop(), 0);
   ASSERT_NO_FATAL_FAILURE(startPeer());
   // A line repeated at once is summarised though no other follows, and nothing else is added.
-  RawClient again(peer.socket());  // "connected", as the fixture's client just was
+  RawClient again(peer().socket());  // "connected", as the fixture's client just was
   ASSERT_EQ(again.send(message(Kind::Ping)), 0);
-  EXPECT_TRUE(peer.logShows(logHead('I', "vrocam_ipc_peer", peer.pid()) +
-                            "(the line before was repeated 1 more times)\n"));
-  text = peer.log();
+  EXPECT_TRUE(peer().logShows(logHead('I', "vrocam_ipc_peer", peer().pid()) +
+                              "(the line before was repeated 1 more times)\n"));
+  text = peer().log();
   EXPECT_EQ(text.find("repeated"), text.rfind("repeated")) << text;
   EXPECT_EQ(text.find(" log lines: "), string::npos) << text;
 }

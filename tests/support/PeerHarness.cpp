@@ -6,23 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "Packet.h"
 
 namespace vrocam {
 namespace test {
-
-TestPeer::TestPeer(std::string socket)
-    : mDir("/tmp/vrocam-test-peer-"),
-      mSocket(socket.empty() ? mDir.socket() : std::move(socket)),
-      mLog(mDir.path() + "/peer.log") {
-  EXPECT_FALSE(mDir.path().empty());
-}
 
 namespace {
 
@@ -53,40 +43,19 @@ std::string runTool(const std::string& tool, const std::string& args, int* exitC
 
 std::string runPeer(const std::string& args) { return runTool(VROCAM_PEER_BINARY, args); }
 
-TestPeer::~TestPeer() { mProcess.stop(SIGKILL); }
+testkit::PeerOptions testPeerOptions(const std::string& socket,
+                                     const std::vector<std::string>& flags) {
+  testkit::PeerOptions options;
+  options.socket = socket;
+  options.command = peerCommand();
+  options.flags = flags;
+  return options;
+}
 
 int TestPeer::start(const std::vector<std::string>& extra, rlim_t maxFiles) {
-  return mProcess.start(peer::PeerLaunch{peerCommand(), mSocket, extra, mLog, 5000, maxFiles});
-}
-
-int TestPeer::stop(int signal) {
-  const int status = mProcess.stop(signal);
-  if (status < 0) return status;  // none was running
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-void TestPeer::freeze() const {
-  int status = 0;
-  EXPECT_EQ(kill(pid(), SIGSTOP), 0);
-  EXPECT_EQ(waitpid(pid(), &status, WUNTRACED), pid());
-}
-
-void TestPeer::thaw() const { EXPECT_EQ(kill(pid(), SIGCONT), 0); }
-
-std::string TestPeer::log() const {
-  std::ifstream in(mLog);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-bool TestPeer::logShows(const std::string& text) const {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (log().find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
+  options().flags = extra;
+  options().maxFiles = maxFiles;
+  return Peer::start();
 }
 
 RawClient::RawClient(const std::string& socket) {

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// The peer daemon as tests see it: a vrocam_ipc_peer child process on a private socket with its
-// log in a file, and a raw client that speaks the wire format.
+// The peer daemon as the project's tests see it: the test kit's peer, run through the emulator of
+// a cross build; and a raw client that speaks the wire format.
 #pragma once
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "PeerProcess.h"
 #include "PeerWire.h"
-#include "PrivateDirectory.h"
 #include "UniqueFd.h"
+#include "vrocam/testkit/Peer.h"
 
 namespace vrocam {
 namespace test {
@@ -25,36 +25,17 @@ std::string runTool(const std::string& tool, const std::string& args, int* exitC
 // What the peer daemon, run with args, prints.
 std::string runPeer(const std::string& args);
 
-class TestPeer {
+// The options of a peer for the project's tests: the peer built here, behind the emulator of a
+// cross build, serving socket (a fresh abstract name when empty) with flags.
+testkit::PeerOptions testPeerOptions(const std::string& socket = "",
+                                     const std::vector<std::string>& flags = {});
+
+// The kit's peer with the project's options.
+class TestPeer : public testkit::Peer {
  public:
-  // Serves socket, or a socket in a new private directory when socket is empty.
-  explicit TestPeer(std::string socket = "");
-  // Kills a peer still running; then the private directory goes, with what is in it.
-  ~TestPeer();
-
-  // Starts the peer with extra flags (and a descriptor limit, unless 0) and waits until it
-  // answers: 0, or PeerProcess::start's error.
+  explicit TestPeer(const std::string& socket = "") : Peer(testPeerOptions(socket)) {}
+  // Starts the peer with extra flags (and a descriptor limit, unless 0): Peer::start's result.
   int start(const std::vector<std::string>& extra = {}, rlim_t maxFiles = 0);
-  // Sends signal and waits: the exit code, 128 + the signal that ended the peer, or -1 when none
-  // was running.
-  int stop(int signal = SIGTERM);
-  // Stops the peer with SIGSTOP and returns once it is stopped, so that what is sent to it waits
-  // in its socket until thaw().
-  void freeze() const;
-  void thaw() const;
-  pid_t pid() const { return mProcess.pid(); }
-  const std::string& socket() const { return mSocket; }
-  const std::string& dir() const { return mDir.path(); }
-  // What the peer logged so far.
-  std::string log() const;
-  // Whether the log holds text within a few seconds.
-  bool logShows(const std::string& text) const;
-
- private:
-  peer::PrivateDirectory mDir;
-  std::string mSocket;
-  std::string mLog;
-  peer::PeerProcess mProcess;
 };
 
 // A connection to the peer that sends whatever bytes and descriptors a test gives it.
