@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the library, its public headers, a CMake package (find_package, then link
 # vrocam::ipc_wrapper_common_client) and a pkg-config file (vrocam_ipc_wrapper_common_client).
-# The "host" component adds the peer daemon and the headers of its socket client
-# (vrocam::ipc_host_client). Everything finds what it needs through run paths relative to itself,
-# so the prefix can be anywhere and moved.
+# The "host" component adds the peer daemon, the headers of its socket client
+# (vrocam::ipc_host_client) and the test kit (vrocam::testkit, its pkg-config file vrocam_testkit,
+# vrocam_peer_run and vrocam_add_peer_test()). Everything finds what it needs through run paths
+# relative to itself, so the prefix can be anywhere and moved.
 include(CMakePackageConfigHelpers)
 
 set(VROCAM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/vrocam_ipc_wrapper_common_client)
@@ -56,9 +57,20 @@ install(FILES platform/vro_client/include/SocketClient.h platform/vro_client/inc
         DESTINATION ${VROCAM_INCLUDE_DIR}/host COMPONENT host)
 if(VROCAM_BUILD_TOOLS)
   vrocam_relative_path(bin_to_host ${CMAKE_INSTALL_BINDIR} ${VROCAM_HOST_LIBDIR})
+  vrocam_relative_path(bin_to_lib ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
   set_target_properties(vrocam_ipc_peer PROPERTIES
     EXPORT_NAME ipc_peer INSTALL_RPATH "$ORIGIN/${bin_to_host}")
-  install(TARGETS vrocam_ipc_peer EXPORT vrocamHostTargets
+  set_target_properties(vrocam_peer_run PROPERTIES
+    EXPORT_NAME peer_run INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
+  install(TARGETS vrocam_ipc_peer vrocam_peer_run EXPORT vrocamHostTargets
           RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host)
+  # The test kit: its library runs the peer in the bin/ beside its lib/.
+  install(TARGETS vrocam_testkit EXPORT vrocamHostTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT host)
+  install(DIRECTORY kit/include/vrocam/testkit DESTINATION ${VROCAM_INCLUDE_DIR} COMPONENT host)
+  install(FILES cmake/VrocamPeerTest.cmake DESTINATION ${VROCAM_CMAKE_DIR} COMPONENT host)
+  configure_file(cmake/vrocam_testkit.pc.in ${PROJECT_BINARY_DIR}/vrocam_testkit.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/vrocam_testkit.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT host)
 endif()
 install(EXPORT vrocamHostTargets NAMESPACE vrocam:: DESTINATION ${VROCAM_CMAKE_DIR} COMPONENT host)

@@ -40,6 +40,7 @@ struct Options {
   std::unique_ptr<vrocam::peer::FaultRules> faultRules;  // when faults are taken
   int readyFd = -1;
   int lifeline = -1;
+  int controlFd = -1;
 };
 
 void usage() {
@@ -75,6 +76,8 @@ void usage() {
       "  --fault-seed N          where p= draws come from (default: random, logged)\n"
       "  --ready-fd FD           write \"ready\\n\" to FD, and close it, once serving\n"
       "  --lifeline FD           stop when FD hangs up or becomes readable (a pipe from a parent)\n"
+      "  --control-fd FD         serve FD, a connected socket, as the parent's own: no fault rule\n"
+      "                          matches its requests\n"
       "  --status                print what a running peer holds, per client, and exit; the\n"
       "                          socket defaults to $VROCAM_IPC_SOCKET\n"
       "  --json                  with --status: print it as JSON\n"
@@ -97,6 +100,7 @@ Options parse(int argc, char** argv) {
       {"fault-seed", required_argument, nullptr, 'r'},
       {"ready-fd", required_argument, nullptr, 'R'},
       {"lifeline", required_argument, nullptr, 'L'},
+      {"control-fd", required_argument, nullptr, 'C'},
       {"idle-timeout", required_argument, nullptr, 'i'},
       {"batch-timeout", required_argument, nullptr, 'B'},
       {"help", no_argument, nullptr, 'h'},
@@ -152,6 +156,9 @@ Options parse(int argc, char** argv) {
         break;
       case 'L':
         options.lifeline = static_cast<int>(line.number(name, optarg, 0, INT_MAX));
+        break;
+      case 'C':
+        options.controlFd = static_cast<int>(line.number(name, optarg, 0, INT_MAX));
         break;
       case 'i':
         limits.idleTimeout = line.duration(name, optarg, longest);
@@ -214,6 +221,9 @@ int serve(Options& options) {
   if (options.faultRules) server.takeFaults(std::move(*options.faultRules));
   int err = stop && signals ? server.listen(options.socket, stop.get()) : -errno;
   if (err == -EINTR) return 0;  // stopped before it served
+  if (err == 0 && options.controlFd >= 0) {
+    server.adoptControl(vrocam::host::UniqueFd(options.controlFd));
+  }
   if (err == 0 && options.readyFd >= 0) {
     const ssize_t told = write(options.readyFd, "ready\n", 6);
     close(options.readyFd);

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <sys/mman.h>
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,16 +70,17 @@ struct Peer::State {
   std::string socket;
   peer::PeerProcess process;
   host::UniqueFd log;  // anonymous memory: nothing on disk
+  // Our end of the peer's control connection: no rule faults it, nor refuses it.
+  host::UniqueFd control;
+  uint32_t seq = 0;
   bool frozen = false;
 
   // A request about faults: the peer's status, with its text in *text.
-  int control(peer::FaultOp op, const std::string& rule, std::string* text) const {
-    host::UniqueFd sock;
-    int err = peer::connectTo(socket, 2000, &sock);
-    if (err != 0) return err;
+  int ask(peer::FaultOp op, const std::string& rule, std::string* text) {
+    if (!control) return -ENOTCONN;
     peer::Request request;
     request.kind = peer::Kind::Faults;
-    request.seq = 1;
+    request.seq = ++seq;
     request.op = op;
     request.text = rule;
     std::vector<uint8_t> buffer(peer::kMaxMessage);
@@ -86,7 +88,8 @@ struct Peer::State {
     if (size == 0) return -EMSGSIZE;
     peer::Answer answer;
     int closing = 0;
-    err = peer::roundTrip(sock.get(), buffer.data(), buffer.size(), size, 2000, &answer, &closing);
+    const int err =
+        peer::roundTrip(control.get(), buffer.data(), buffer.size(), size, 2000, &answer, &closing);
     if (closing != 0) return closing;
     if (err != 0) return err;
     if (text != nullptr) *text = answer.text;
@@ -124,13 +127,20 @@ int Peer::start() {
   launch.timeoutMs = static_cast<int>(options.startTimeout.count());
   launch.maxFiles = options.maxFiles;
   launch.logFd = state.log.get();
+  int pair[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return -errno;
+  state.control.reset(pair[0]);
+  const host::UniqueFd theirs(pair[1]);
+  launch.controlFd = theirs.get();
   state.frozen = false;
+  state.seq = 0;
   return state.process.start(launch);
 }
 
 int Peer::stop(int signal) {
   State& state = *mState;
-  if (state.frozen) thaw();
+  if (signal != SIGKILL) thaw();  // a frozen peer takes no other signal until it runs again
+  state.frozen = false;
   const int status = state.process.stop(signal);
   if (status < 0) return status;  // none was running
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
@@ -178,18 +188,18 @@ bool Peer::logShows(const std::string& text, std::chrono::milliseconds within) c
 
 int Peer::addFault(const std::string& rule, std::string* why) {
   std::string text;
-  const int err = mState->control(peer::FaultOp::Add, rule, &text);
+  const int err = mState->ask(peer::FaultOp::Add, rule, &text);
   if (why != nullptr) *why = text;
   return err;
 }
 
-int Peer::clearFaults() { return mState->control(peer::FaultOp::Clear, "", nullptr); }
+int Peer::clearFaults() { return mState->ask(peer::FaultOp::Clear, "", nullptr); }
 
-int Peer::releaseHeld() { return mState->control(peer::FaultOp::Release, "", nullptr); }
+int Peer::releaseHeld() { return mState->ask(peer::FaultOp::Release, "", nullptr); }
 
 int Peer::faults(std::vector<FaultCount>* out, uint64_t* seed) const {
   std::string text;
-  const int err = mState->control(peer::FaultOp::List, "", &text);
+  const int err = mState->ask(peer::FaultOp::List, "", &text);
   if (err != 0) return err;
   out->clear();
   std::istringstream lines(text);
@@ -209,7 +219,8 @@ int Peer::faults(std::vector<FaultCount>* out, uint64_t* seed) const {
 
 int Peer::status(std::string* text) const {
   text->clear();
-  return peer::fetchStatus(mState->socket, text);
+  if (!mState->control) return -ENOTCONN;
+  return peer::fetchStatus(mState->control.get(), &mState->seq, text);
 }
 
 std::vector<PeerMemory> Peer::holdings(pid_t pid) const {

@@ -40,8 +40,9 @@ struct PeerServer::Connection {
   pid_t pid;
   uid_t uid;
   uint32_t serial;
-  bool joined = false;  // a client, not a connection that only asked for the status
-  bool gone = false;    // dropped: erased at the end of the round
+  bool joined = false;   // a client, not a connection that only asked for the status
+  bool gone = false;     // dropped: erased at the end of the round
+  bool control = false;  // the starter's own (adoptControl): no fault, slot or idle limit for it
   ClientTable table;
   LongCommand command;
   std::vector<uint8_t> unsent;  // an answer the client's socket had no room for

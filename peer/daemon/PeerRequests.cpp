@@ -48,7 +48,7 @@ const char* PeerServer::serve(Connection& connection) {
   }
   connection.fault = Fault();
   const char* const kind = faultKindOf(request.kind);
-  if (status == 0 && mFaults && kind != nullptr) {
+  if (status == 0 && mFaults && kind != nullptr && !connection.control) {
     connection.fault = inject(kind, connection.pid,
                               std::string(kind) + " (seq " + std::to_string(request.seq) + ")");
   }

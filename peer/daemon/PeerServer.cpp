@@ -257,6 +257,11 @@ void PeerServer::adopt(UniqueFd sock, pid_t pid, uid_t uid) {
   mConnections.back()->since = Clock::now();
 }
 
+void PeerServer::adoptControl(UniqueFd sock) {
+  adopt(std::move(sock), getppid(), geteuid());
+  mConnections.back()->control = true;
+}
+
 int PeerServer::run(int stopFd) {
   for (;;) {
     const int result = round(stopFd, -1);
@@ -402,7 +407,9 @@ void PeerServer::accept() {
   const Fault fault = mFaults ? inject("accept", cred.pid, "accept") : Fault();
   if (fault.action == FaultAction::Errno) return refuse(std::move(sock), -fault.value);
   if (fault.action != FaultAction::None) return;  // closed, or the peer ends
-  if (mConnections.size() >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
+  const auto controls = std::count_if(mConnections.begin(), mConnections.end(),
+                                      [](const auto& connection) { return connection->control; });
+  if (mConnections.size() - controls >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
     peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", cred.pid, cred.uid,
             counted(clients(), "client", "clients").c_str());
     return refuse(std::move(sock), -EUSERS);
@@ -426,8 +433,8 @@ bool PeerServer::reclaimIdleSlot() {
   const Clock::time_point now = Clock::now();
   Connection* idlest = nullptr;
   for (const auto& connection : mConnections) {
-    if (connection->gone || connection->busy() || connection->table.held() != 0 ||
-        now - connection->since < mLimits.idleTimeout) {
+    if (connection->gone || connection->control || connection->busy() ||
+        connection->table.held() != 0 || now - connection->since < mLimits.idleTimeout) {
       continue;
     }
     if (idlest == nullptr || connection->since < idlest->since) idlest = connection.get();

@@ -15,9 +15,12 @@ namespace vrocam {
 namespace peer {
 namespace {
 
-// The descriptors the peer gets beside stdio: its end of the ready pipe and of the lifeline.
+// The descriptors the peer gets beside stdio: its end of the ready pipe, of the lifeline and of the
+// control connection; above them, until exec, the pipe that carries exec's errno.
 constexpr int kReadyFd = 3;
 constexpr int kLifelineFd = 4;
+constexpr int kControlFd = 5;
+constexpr int kErrnoFd = 6;
 
 // A pipe, both ends close-on-exec: 0, or a negative errno.
 int makePipe(host::UniqueFd* read, host::UniqueFd* write) {
@@ -38,6 +41,7 @@ int PeerProcess::start(const PeerLaunch& launch) {
   std::vector<std::string> args = launch.command;
   args.insert(args.end(), {"--socket", launch.socket, "--ready-fd", std::to_string(kReadyFd),
                            "--lifeline", std::to_string(kLifelineFd)});
+  if (launch.controlFd >= 0) args.insert(args.end(), {"--control-fd", std::to_string(kControlFd)});
   args.insert(args.end(), launch.flags.begin(), launch.flags.end());
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);
@@ -67,20 +71,24 @@ int PeerProcess::start(const PeerLaunch& launch) {
       const rlimit files{launch.maxFiles, launch.maxFiles};
       setrlimit(RLIMIT_NOFILE, &files);
     }
-    // The peer gets stdio, its two pipe ends at 3 and 4, and nothing else of ours; the errno pipe
-    // goes above them and closes at exec.
-    const int errnoFd = fcntl(execWrite.get(), F_DUPFD_CLOEXEC, kLifelineFd + 1);
-    const int ready = fcntl(readyWrite.get(), F_DUPFD, kLifelineFd + 1);
-    const int life = fcntl(lifeRead.get(), F_DUPFD, kLifelineFd + 1);
-    if (errnoFd < 0 || ready < 0 || life < 0 || dup2(ready, kReadyFd) != kReadyFd ||
-        dup2(life, kLifelineFd) != kLifelineFd || dup2(errnoFd, kLifelineFd + 1) < 0) {
-      _exit(126);
+    // The peer gets stdio, its ends at 3, 4 and 5, and nothing else of ours: each is first moved
+    // above them all, so that none is overwritten before it is moved to its place.
+    const int sources[] = {readyWrite.get(), lifeRead.get(), launch.controlFd, execWrite.get()};
+    const int targets[] = {kReadyFd, kLifelineFd, kControlFd, kErrnoFd};
+    int moved[4];
+    for (int i = 0; i < 4; ++i) {
+      moved[i] = sources[i] < 0 ? -1 : fcntl(sources[i], F_DUPFD, kErrnoFd + 1);
+      if (sources[i] >= 0 && moved[i] < 0) _exit(126);
     }
-    fcntl(kLifelineFd + 1, F_SETFD, FD_CLOEXEC);
-    close_range(kLifelineFd + 2, ~0u, 0);
+    for (int i = 0; i < 4; ++i) {
+      if (moved[i] >= 0 && dup2(moved[i], targets[i]) != targets[i]) _exit(126);
+    }
+    fcntl(kErrnoFd, F_SETFD, FD_CLOEXEC);
+    close_range(kErrnoFd + 1, ~0u, 0);
+    if (launch.controlFd < 0) close(kControlFd);
     execvp(argv[0], argv.data());
     const int failed = errno;
-    if (write(kLifelineFd + 1, &failed, sizeof(failed)) != sizeof(failed)) _exit(126);
+    if (write(kErrnoFd, &failed, sizeof(failed)) != sizeof(failed)) _exit(126);
     _exit(127);
   }
   execWrite.reset();

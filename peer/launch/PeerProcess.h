@@ -29,6 +29,7 @@ struct PeerLaunch {
   int timeoutMs = 5000;            // to say it is ready
   rlim_t maxFiles = 0;             // the peer's descriptor limit; 0: the caller's
   int logFd = -1;                  // stdout and stderr go there instead (logPath empty)
+  int controlFd = -1;              // a connected socket for the peer to serve as ours (socketpair)
 };
 
 class PeerProcess {
@@ -39,7 +40,8 @@ class PeerProcess {
   PeerProcess(const PeerProcess&) = delete;
   PeerProcess& operator=(const PeerProcess&) = delete;
 
-  // Starts `command... --socket socket --ready-fd N --lifeline M flags...` and waits until it says
+  // Starts `command... --socket socket --ready-fd N --lifeline M [--control-fd C] flags...` and
+  // waits until it says
   // it is ready. 0, or a negative errno: exec's error (-ENOENT when there is no such program),
   // -ECHILD when the peer exited before it was ready, -ETIMEDOUT when it was not ready in time
   // (it is still running then).

@@ -51,15 +51,21 @@ int fetchStatus(const std::string& socket, std::string* text, uid_t* serverUid) 
     if (serverUid != nullptr) *serverUid = cred.uid;
     return -EACCES;
   }
+  uint32_t seq = 0;
+  return err != 0 ? err : fetchStatus(sock.get(), &seq, text);
+}
+
+int fetchStatus(int sock, uint32_t* seq, std::string* text) {
   Request request;
   request.kind = Kind::Status;
   std::vector<uint8_t> buffer(kMaxMessage);
+  int err = 0;
   while (err == 0) {
-    ++request.seq;
+    request.seq = ++*seq;
     Answer answer;
     int closing = 0;
     const size_t size = encodeRequest(buffer.data(), buffer.size(), request);
-    err = roundTrip(sock.get(), buffer.data(), buffer.size(), size, 2000, &answer, &closing);
+    err = roundTrip(sock, buffer.data(), buffer.size(), size, 2000, &answer, &closing);
     if (closing != 0) err = closing;
     if (err == 0) err = answer.status;
     if (err == 0 && answer.more && answer.text.empty()) err = -EPROTO;  // no progress

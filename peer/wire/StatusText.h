@@ -47,6 +47,8 @@ struct PeerStatus {
 // link's, the peer's answer, -EACCES for a server of another uid than this process's or root's (its
 // uid in *serverUid, if given), -EFBIG for a text beyond kMaxStatusText.
 int fetchStatus(const std::string& socket, std::string* text, uid_t* serverUid = nullptr);
+// The same over a connection to a peer, numbering its requests from *seq on.
+int fetchStatus(int sock, uint32_t* seq, std::string* text);
 
 // Reads a status text; lines it does not know are skipped.
 PeerStatus parseStatus(const std::string& text);

@@ -74,6 +74,9 @@ class PeerServer {
   int run(int stopFd);
   // Serves an already connected socket as a client of pid and uid (for in-process use).
   void adopt(host::UniqueFd sock, pid_t pid, uid_t uid);
+  // Serves a connection that the process which started the peer made before it (a socket pair):
+  // no rule faults its requests, and it takes no client slot and is never given away.
+  void adoptControl(host::UniqueFd sock);
   // Injects the faults of rules, and takes more from clients of its uid at run time (without it,
   // every request about faults is refused with -EPERM).
   void takeFaults(FaultRules rules);

@@ -76,8 +76,8 @@ class VROCAM_TESTKIT_API Peer {
   // -ENOENT when the peer program is not there, -ECHILD when it ended before it was ready, with
   // why in log(), -ETIMEDOUT).
   int start();
-  // Stops the peer with signal (thawed first) and waits for it: its exit code, 128 + the signal
-  // that ended it, or -1 when none was running.
+  // Stops the peer with signal (thawed first, unless the signal is SIGKILL) and waits for it: its
+  // exit code, 128 + the signal that ended it, or -1 when none was running.
   int stop(int signal = SIGTERM);
   bool running() const;
   pid_t pid() const;
