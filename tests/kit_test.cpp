@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -274,6 +275,7 @@ TEST(KitLifeTest, ATestKilledAnyWayLeavesNothing) {
                 .find("***Timeout"),
             string::npos);
   EXPECT_EQ(leftBehind(false), "");
+  std::filesystem::remove_all(home.path() + "/Testing");  // ctest's own records
   // SIGKILL.
   const pid_t child = fork();
   if (child == 0) {
