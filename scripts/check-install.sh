@@ -3,14 +3,16 @@
 # Checks the library as its users meet it: builds it in build-install/ (tests and benchmarks off),
 # installs it into a fresh prefix, builds tests/install/ against that prefix through find_package
 # and through pkg-config, and runs both programs and the installed peer with an empty environment
-# (no LD_LIBRARY_PATH). Also checks that no stand-in lies in the prefix's lib/ and that a project
-# that add_subdirectory()s the source tree builds only the library and the stand-ins, without
-# zlib. Prints one line per check, exits 1 at the first failure. Installs its Debian packages as
-# root.
+# (no LD_LIBRARY_PATH). Builds the worked example (examples/frame_pool) against the prefix, plain
+# and with ASan+UBSan, and through add_subdirectory, and runs its tests under ctest -j2; builds a
+# program of the test kit through pkg-config. Also checks that no stand-in lies in the prefix's lib/
+# and that a project that add_subdirectory()s the source tree builds only the library and the
+# stand-ins, without zlib. Prints one line per check, exits 1 at the first failure. Installs its
+# Debian packages as root.
 #   scripts/check-install.sh
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/setup.sh"
-vrocam_install_packages cmake ninja-build g++ zlib1g-dev pkg-config
+vrocam_install_packages cmake ninja-build g++ zlib1g-dev pkg-config libgtest-dev libgmock-dev
 
 build=$VROCAM_ROOT/build-install
 consumer=$VROCAM_ROOT/tests/install
@@ -39,7 +41,7 @@ build_and_install() {
 only_the_product_in_lib() {
   local others
   others=$(find "$prefix/lib" -maxdepth 1 -name '*.so*' \
-    ! -name 'libvrocam_ipc_wrapper_common_client.so*')
+    ! -name 'libvrocam_ipc_wrapper_common_client.so*' ! -name 'libvrocam_testkit.so*')
   [ -z "$others" ] || { echo "in the prefix's lib/: $others"; return 1; }
 }
 
@@ -57,6 +59,23 @@ pkg_config_consumer() {
     env -i "$work/pc-consumer"
 }
 
+pkg_config_kit_consumer() {
+  local flags
+  flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs vrocam_testkit) ||
+    return 1
+  # shellcheck disable=SC2086  # the flags are meant to be split into words
+  c++ -std=c++17 -Wall -Wextra -Werror "$consumer/kit_consumer.cpp" $flags -o "$work/kit-consumer" &&
+    env -i "$work/kit-consumer"
+}
+
+# example NAME CMAKE_ARGS...: the frame pool example built in $work/NAME, its tests under ctest.
+example() {
+  local dir=$work/$1
+  shift
+  cmake -S "$VROCAM_ROOT/examples/frame_pool" -B "$dir" -G Ninja "$@" &&
+    cmake --build "$dir" && ctest --test-dir "$dir" -j2 --output-on-failure --timeout 60
+}
+
 # What the default build of an outer project would do (ninja -n), zlib hidden from CMake.
 subdirectory_builds_library_only() {
   local steps
@@ -71,4 +90,11 @@ check "no stand-in in the prefix's lib/" only_the_product_in_lib
 check "installed vrocam_ipc_peer --help runs" env -i "$prefix/bin/vrocam_ipc_peer" --help
 check "find_package 1.0 consumer builds and runs" find_package_consumer
 check "pkg-config consumer builds and runs" pkg_config_consumer
+check "pkg-config test kit consumer builds and runs" pkg_config_kit_consumer
+check "the example's tests pass against the prefix" example prefix -DCMAKE_PREFIX_PATH="$prefix"
+check "the example's tests pass under ASan+UBSan" example sanitized -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-omit-frame-pointer" \
+  -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined"
+check "the example's tests pass through add_subdirectory" example subdirectory \
+  -DVROCAM_SOURCE_DIR="$VROCAM_ROOT"
 check "add_subdirectory builds only the library" subdirectory_builds_library_only
