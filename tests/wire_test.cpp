@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Packet.h"
+#include "PeerServer.h"
 #include "PeerWire.h"
 #include "PrivateDirectory.h"
 #include "ProcessState.h"
@@ -50,6 +51,8 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
   const Bytes own = answer(Kind::Ping, 7, -ENOENT);
   Bytes longer = own;
   longer.resize(own.size() + 8);
+  Bytes unmarked = answer(Kind::Ping, 6, 0);
+  unmarked[3] = 0;  // the answer bit of the kind
   const struct {
     const char* what;
     std::vector<Bytes> sent;
@@ -66,6 +69,7 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
       {"an answer ahead of its request", {answer(Kind::Ping, 8, 0)}, false, -EPROTO, 0},
       {"the answer to another kind", {answer(Kind::Register, 7, 0)}, false, -EPROTO, 0},
       {"bytes that are no answer", {{1, 2, 3}}, false, -EPROTO, 0},
+      {"an earlier one without the answer bit", {unmarked}, false, -EPROTO, 0},
       {"more bytes than an answer", {longer}, false, -EPROTO, 0},
       {"its answer with a descriptor", {own}, true, -EPROTO, 0},
       {"a reason, then the end", {answer(Kind::Closing, 0, -EUSERS)}, false, -ECONNRESET, -EUSERS},
@@ -96,6 +100,36 @@ TEST(WireTest, AClientTakesOnlyTheAnswerToItsOwnRequest) {
   status[peer::kHeaderSize + 4] = 2;  // "more" is 0 or 1
   peer::Answer got;
   EXPECT_EQ(peer::decodeAnswer(status.data(), status.size(), &got), -EPROTO);
+}
+
+// A server that only adopts connections (a program serving the link in-process) holds the total
+// it was given, and a round with nothing to do returns at once.
+TEST(WireTest, AnAdoptingServerHoldsItsTotal) {
+  peer::ServerLimits limits;
+  limits.maxMemories = 2;
+  peer::PeerServer server(limits);
+  Pair pair = socketPair();
+  server.adopt(std::move(pair.server), getpid(), getuid());
+  EXPECT_EQ(server.round(-1, 0), 1);
+  const Region region = makeRegion(4096, "adopted", kRegionSeals);
+  peer::Request request;
+  request.kind = Kind::Register;
+  request.seq = 1;
+  request.records.assign(3, peer::Record{1, 0, 4096, "adopted"});
+  for (int32_t handle = 1; handle <= 3; ++handle) request.records[handle - 1].handle = handle;
+  Bytes bytes(peer::kMaxMessage);
+  bytes.resize(peer::encodeRequest(bytes.data(), bytes.size(), request));
+  const int fds[] = {region.fd, region.fd, region.fd};
+  ASSERT_EQ(peer::sendPacket(pair.client.get(), bytes.data(), bytes.size(), fds, 3), 0);
+  EXPECT_EQ(server.round(-1, 1000), 1);
+  peer::Answer got;
+  int closing = 0;
+  EXPECT_EQ(peer::awaitAnswer(pair.client.get(), bytes.data(), bytes.size(),
+                              static_cast<uint16_t>(Kind::Register), 1, peer::after(1000), &got,
+                              &closing),
+            0);
+  EXPECT_EQ(got.status, -ENOSPC);
+  freeRegion(region);
 }
 
 // A name goes out NUL-padded: nothing of what the buffer held before leaves with it. Nothing is
