@@ -437,7 +437,7 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
             string::npos);
   EXPECT_EQ(exitCode, 1);
   peer::PeerProcess waiting;
-  EXPECT_EQ(waiting.start({{VROCAM_PEER_BINARY}, home.path() + "/locked.sock", {}, "", 100}),
+  EXPECT_EQ(waiting.start({testPeerOptions().command, home.path() + "/locked.sock", {}, "", 100}),
             -ETIMEDOUT);
   const int stopped = waiting.stop(SIGTERM);
   EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
