@@ -166,7 +166,7 @@ void driveTable(const Request& request) {
       kept.emplace_back(fcntl(fds.back().get(), F_DUPFD_CLOEXEC, 0));
     }
     vrocam::peer::ClientTable table(kLimits);
-    const int rc = table.registerPart(request, fds, SIZE_MAX);
+    const int rc = table.registerPart(request, fds, vrocam::peer::Room{SIZE_MAX, UINT64_MAX});
     const bool staged = (request.flags & vrocam::peer::kMore) != 0;
     FUZZ_CHECK(table.memories().size() == (rc == 0 && !staged ? request.records.size() : 0));
     FUZZ_CHECK(table.staged() == (rc == 0 && staged ? request.records.size() : 0));
