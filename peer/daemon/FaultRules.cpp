@@ -56,10 +56,7 @@ long long millisecondsOf(std::string text) {
 }  // namespace
 
 const char* faultKindOf(Kind kind) {
-  const int index = static_cast<int>(kind) - static_cast<int>(Kind::Ping);
-  constexpr const char* kByKind[] = {"ping", "register", "deregister", "checksum",
-                                     "fill", "holdings", "status"};
-  return index >= 0 && index < static_cast<int>(std::size(kByKind)) ? kByKind[index] : nullptr;
+  return kind >= Kind::Ping && kind <= Kind::Status ? kindName(kind) : nullptr;
 }
 
 std::string FaultRules::add(const std::string& text) {

@@ -51,6 +51,12 @@ Fault PeerServer::inject(const char* kind, pid_t pid, const std::string& what) {
   if (fault.action == FaultAction::None) return fault;
   peerLog('W', "fault %zu %s fired on client pid %d: %s %s", fault.rule,
           host::escaped(fault.text).c_str(), pid, what.c_str(), effectOf(fault).c_str());
+  traceEvent(trace::Event("i", "fault " + std::to_string(fault.rule) + " fired", trace::nowNs(),
+                          trace::threadId())
+                 .arg("rule", fault.text)
+                 .arg("client", pid)
+                 .arg("request", what)
+                 .arg("action", effectOf(fault)));
   if (fault.action == FaultAction::Exit) mExitCode = fault.value;
   if (fault.action == FaultAction::Kill) {
     flushPeerLog();

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Connection.h"
+#include "ErrnoText.h"
 #include "MemoryAccess.h"
 #include "PeerLog.h"
 #include "PeerServer.h"
@@ -30,6 +31,7 @@ const char* PeerServer::serve(Connection& connection) {
   if (size == 0 && received.fds.empty() && connectionEnded(connection.sock.get())) {
     return "disconnected";
   }
+  const int64_t start = mTrace ? trace::nowNs() : 0;
 
   Request& request = mRequest;
   int status = decodeRequest(mIn.get(), static_cast<size_t>(size), received.fds.size(), &request);
@@ -68,6 +70,19 @@ const char* PeerServer::serve(Connection& connection) {
   if (status == 0) status = handle(connection, request, received.fds, answer);
   received.fds.clear();  // whatever the table did not keep is closed now
   reap(connection);
+  if (status < 0) {
+    const int32_t handle = !request.records.empty()   ? request.records[0].handle
+                           : !request.handles.empty() ? request.handles[0]
+                                                      : request.handle;
+    peerLog(LogKind::Refused, 'W', "client pid %d uid %u: %s (seq %u, handle %d) refused: %s",
+            connection.pid, connection.uid, kindName(request.kind), request.seq, handle,
+            host::errnoText(status).c_str());
+  }
+  traceRequest(connection, request, start, status == 1 ? 0 : status);
+  if (request.kind == Kind::Register || request.kind == Kind::Deregister ||
+      request.kind == Kind::Cancel) {
+    traceHoldings(connection);
+  }
   if (status == 1) return advance(connection);
   answer.kind = kAnswer | static_cast<uint16_t>(request.kind);
   answer.seq = request.seq;
@@ -135,9 +150,19 @@ const char* PeerServer::advance(Connection& connection) {
   LongCommand& command = connection.command;
   const Memory& memory = *command.memory;
   const uint64_t slice = std::min(kSliceBytes, memory.size - command.done);
+  const int64_t start = mTrace ? trace::nowNs() : 0;
   const int err = command.kind == Kind::Checksum
                       ? checksumRange(memory.fd.get(), command.done, slice, &command.crc, &mScratch)
                       : guardedFill(memory.mapping.data() + command.done, slice, command.value);
+  if (mTrace) {
+    traceEvent(
+        trace::Event("X", std::string(kindName(command.kind)) + " slice", start, trace::threadId())
+            .dur(trace::nowNs() - start)
+            .arg("client", connection.pid)
+            .arg("handle", memory.handle)
+            .arg("offset", static_cast<long long>(command.done))
+            .arg("bytes", static_cast<long long>(slice)));
+  }
   command.done += slice;
   if (err == 0 && command.done < memory.size) return nullptr;  // more in the next round
   Answer answer;

@@ -402,6 +402,7 @@ void PeerServer::accept() {
   if (cred.uid != geteuid() && cred.uid != 0) {
     peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: neither the peer's uid nor root",
             cred.pid, cred.uid);
+    traceMark("client refused", cred.pid, "neither the peer's uid nor root");
     return refuse(std::move(sock), -EACCES);
   }
   const Fault fault = mFaults ? inject("accept", cred.pid, "accept") : Fault();
@@ -412,6 +413,7 @@ void PeerServer::accept() {
   if (mConnections.size() - controls >= mLimits.maxClients + kVisitors && !reclaimIdleSlot()) {
     peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", cred.pid, cred.uid,
             counted(clients(), "client", "clients").c_str());
+    traceMark("client refused", cred.pid, "every slot is taken");
     return refuse(std::move(sock), -EUSERS);
   }
   adopt(std::move(sock), cred.pid, cred.uid);
@@ -421,11 +423,13 @@ bool PeerServer::join(Connection& connection) {
   if (clients() >= mLimits.maxClients && !reclaimIdleSlot()) {
     peerLog(LogKind::Refused, 'W', "refused client pid %d uid %u: already %s", connection.pid,
             connection.uid, counted(clients(), "client", "clients").c_str());
+    traceMark("client refused", connection.pid, "every client slot is taken");
     return false;
   }
   connection.joined = true;
   peerLog(LogKind::Connected, 'I', "client pid %d uid %u connected", connection.pid,
           connection.uid);
+  traceMark("client connected", connection.pid, "");
   return true;
 }
 
@@ -455,6 +459,9 @@ void PeerServer::drop(Connection& gone, const char* why, int reason) {
     peerLog(LogKind::Disconnected, 'I', "client pid %d uid %u %s: released %s (%llu bytes)%s",
             gone.pid, gone.uid, why, counted(table.memories().size(), "memory", "memories").c_str(),
             static_cast<unsigned long long>(table.bytes()), staged.c_str());
+    traceMark("client gone", gone.pid,
+              std::string(why) + ": released " + counted(table.held(), "memory", "memories") +
+                  " (" + std::to_string(table.bytes() + table.stagedBytes()) + " bytes)");
   }
   if (reason != 0) refuse(std::move(gone.sock), reason);
   gone.gone = true;
@@ -463,6 +470,7 @@ void PeerServer::drop(Connection& gone, const char* why, int reason) {
   table.clear();
   reap(gone);
   gone.sock.reset();
+  if (gone.joined || !gone.control) traceHoldings(gone);
 }
 
 }  // namespace peer

@@ -2,6 +2,7 @@
 // Reaper: unmaps in slices, then closes.
 #include "Reaper.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -35,7 +36,11 @@ void free(Memory& memory) {
 
 }  // namespace
 
-Reaper::Reaper() : mThread([this] { run(); }) {}
+Reaper::Reaper()
+    : mThread([this] {
+        pthread_setname_np(pthread_self(), "reaper");
+        run();
+      }) {}
 
 Reaper::~Reaper() {
   {
@@ -84,7 +89,13 @@ void Reaper::run() {
     Memory& front = mQueue.front();
     const size_t length = front.mapping.size();
     mLock.unlock();
+    const int64_t start = trace::nowNs();
     free(front);
+    if (trace::TraceFile* file = mTrace.load()) {
+      file->add(trace::Event("X", "free", start, trace::threadId())
+                    .dur(trace::nowNs() - start)
+                    .arg("bytes", static_cast<long long>(length)));
+    }
     mLock.lock();
     mLength -= length;
     mQueue.pop_front();

@@ -114,7 +114,7 @@ bool connectionEnded(int sock) {
 }
 
 int awaitAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint32_t seq,
-                Deadline deadline, Answer* answer, int* closing) {
+                Deadline deadline, Answer* answer, int* closing, size_t* late) {
   *closing = 0;
   for (;;) {
     Received received;
@@ -132,6 +132,7 @@ int awaitAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint3
     if (answer->seq == seq && answer->kind == (kAnswer | kind)) return 0;
     // An answer to an earlier request, which gave up waiting for it, is dropped.
     if (static_cast<int32_t>(answer->seq - seq) >= 0) return -EPROTO;
+    if (late != nullptr) ++*late;
   }
 }
 

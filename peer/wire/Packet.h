@@ -54,8 +54,9 @@ struct Answer;
 // earlier requests that a call which timed out left behind. 0, or a negative errno: -ETIMEDOUT;
 // -ECONNRESET when the connection ended, with *closing set to the reason the peer gave (a negative
 // errno) or 0; -EPROTO for anything but an answer (descriptors that came with it are closed).
+// *late (if given) counts the answers dropped.
 int awaitAnswer(int sock, uint8_t* buffer, size_t capacity, uint16_t kind, uint32_t seq,
-                Deadline deadline, Answer* answer, int* closing);
+                Deadline deadline, Answer* answer, int* closing, size_t* late = nullptr);
 
 // Sends the request of size bytes in buffer and receives its answer into the same buffer, as
 // awaitAnswer does, within timeoutMs in all. 0, or a negative errno.

@@ -5,9 +5,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace vrocam {
 namespace peer {
+
+const char* kindName(Kind kind) {
+  constexpr const char* kNames[] = {"ping",     "register", "deregister", "checksum", "fill",
+                                    "holdings", "status",   "cancel",     "closing",  "faults"};
+  const auto index = static_cast<size_t>(kind) - 1;
+  return index < std::size(kNames) ? kNames[index] : "unknown";
+}
 
 void Writer::header(uint16_t kind, uint32_t seq) {
   mUsed = 0;

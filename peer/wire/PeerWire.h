@@ -54,6 +54,8 @@ enum class FaultOp : uint32_t {
   Release = 4,  // sends the answers that hold rules keep
 };
 constexpr uint16_t kAnswer = 0x8000;
+// The kind's name in lower case ("register"), or "unknown".
+const char* kindName(Kind kind);
 constexpr uint16_t answerKind(Kind kind) { return kAnswer | static_cast<uint16_t>(kind); }
 
 constexpr size_t kHeaderSize = 12;

@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "ClientTrace.h"
 #include "EnvSwitch.h"
 #include "ErrnoText.h"
 #include "HostLogLine.h"
@@ -65,6 +66,11 @@ struct SocketClient::Link {
   // found dead may be replaced and the request resent.
   int exchange(const int* fds, size_t fdCount, bool retry, peer::Deadline deadline,
                peer::Answer* answer, bool* sent = nullptr) REQUIRES(mLock);
+  // exchange() without its trace; *late counts the late answers dropped.
+  int exchangeOnce(const int* fds, size_t fdCount, bool retry, peer::Deadline deadline,
+                   peer::Answer* answer, bool* sent, size_t* late) REQUIRES(mLock);
+  // An instant on the calling thread's track of the trace, if there is one.
+  void mark(const char* name, const char* key, long long value) REQUIRES(mLock);
   int connectLocked(peer::Deadline deadline) REQUIRES(mLock);
   // Keeps request to send before anything else, as soon as the link allows (a Cancel of a
   // registration that timed out, a Deregister of the parts of a deregistration not sent); beyond
@@ -139,6 +145,7 @@ int SocketClient::Link::connectLocked(Deadline deadline) {
   }
   mSock = std::move(sock);
   mOwed.clear();  // a new connection holds nothing to undo
+  mark("connected", "peer pid", cred.pid);
   return 0;
 }
 
@@ -168,15 +175,66 @@ int SocketClient::Link::sendOwed(Deadline deadline) {
     const peer::Request& owed = mOwed.front();
     uint8_t message[peer::kHeaderSize + 4 + peer::kMaxHandles * 4];
     const size_t size = peer::encodeRequest(message, sizeof(message), owed);
+    const int64_t start = vrocam::trace::nowNs();
     const int err = peer::sendPacket(mSock.get(), message, size, nullptr, 0, deadline);
     if (err != 0) return err;
+    if (vrocam::trace::TraceFile* file = clientTrace()) {
+      // Sent, not waited for: its slice ends here, and its arrow at the peer's handling of it.
+      const pid_t tid = vrocam::trace::threadId();
+      file->add(
+          vrocam::trace::Event("X", std::string(peer::kindName(owed.kind)) + " (owed)", start, tid)
+              .dur(vrocam::trace::nowNs() - start)
+              .arg("seq", owed.seq)
+              .arg("memories", static_cast<long long>(owed.handles.size())),
+          vrocam::trace::Event("s", "request", start, tid)
+              .id(std::to_string(getpid()) + "." + std::to_string(owed.seq)));
+    }
     mOwed.erase(mOwed.begin());  // its answer is dropped when it comes
   }
   return 0;
 }
 
+void SocketClient::Link::mark(const char* name, const char* key, long long value) {
+  if (vrocam::trace::TraceFile* file = clientTrace()) {
+    file->add(vrocam::trace::Event("i", name, vrocam::trace::nowNs(), vrocam::trace::threadId())
+                  .arg(key, value));
+  }
+}
+
 int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Deadline deadline,
                                  peer::Answer* answer, bool* sentOut) {
+  vrocam::trace::TraceFile* const file = clientTrace();
+  size_t late = 0;
+  if (file == nullptr) return exchangeOnce(fds, fdCount, retry, deadline, answer, sentOut, &late);
+  // One slice per request on the calling thread, with the start of a flow that the peer's
+  // handling of the request ends: client pid and sequence number name it on both sides.
+  namespace trace = vrocam::trace;
+  const int64_t start = trace::nowNs();
+  const int err = exchangeOnce(fds, fdCount, retry, deadline, answer, sentOut, &late);
+  const int result = err != 0 ? err : answer->status;
+  const pid_t tid = trace::threadId();
+  const std::string flow = std::to_string(getpid()) + "." + std::to_string(mRequest.seq);
+  uint64_t bytes = 0;
+  for (const peer::Record& record : mRequest.records) bytes += static_cast<uint64_t>(record.size);
+  const bool part = (mRequest.flags & (peer::kMore | peer::kContinue)) != 0;
+  file->add(trace::Event("X", std::string(peer::kindName(mRequest.kind)) + (part ? " part" : ""),
+                         start, tid)
+                .dur(trace::nowNs() - start)
+                .arg("seq", mRequest.seq)
+                .arg("memories",
+                     static_cast<long long>(mRequest.records.size() + mRequest.handles.size()))
+                .arg("fds", static_cast<long long>(fdCount))
+                .arg("bytes", static_cast<long long>(bytes))
+                .arg("answer", result)
+                .arg("errno", host::errnoName(result)),
+            trace::Event("s", "request", start, tid).id(flow));
+  if (late != 0) mark("late answers dropped", "answers", static_cast<long long>(late));
+  if (err == -ETIMEDOUT) mark("timeout", "seq", mRequest.seq);
+  return err;
+}
+
+int SocketClient::Link::exchangeOnce(const int* fds, size_t fdCount, bool retry, Deadline deadline,
+                                     peer::Answer* answer, bool* sentOut, size_t* late) {
   const size_t size = peer::encodeRequest(mOut.get(), peer::kMaxMessage, mRequest);
   if (size == 0) return -EMSGSIZE;
   for (;;) {
@@ -191,9 +249,9 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
     int closing = 0;
     if (sent || linkDown(err)) {
       // After a failed send, what the peer said before it ended the connection is still there.
-      const int answered = peer::awaitAnswer(mSock.get(), mIn.get(), peer::kMaxMessage,
-                                             static_cast<uint16_t>(mRequest.kind), mRequest.seq,
-                                             sent ? deadline : Deadline::min(), answer, &closing);
+      const int answered = peer::awaitAnswer(
+          mSock.get(), mIn.get(), peer::kMaxMessage, static_cast<uint16_t>(mRequest.kind),
+          mRequest.seq, sent ? deadline : Deadline::min(), answer, &closing, late);
       if (sent) err = answered;
     }
     if (err == 0) {
@@ -211,6 +269,7 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
     if (retry && !fresh && unread) {
       mSock.reset();
       retry = false;
+      mark("reconnect", "seq", mRequest.seq);
       continue;
     }
     lose(err, closing);
@@ -244,6 +303,7 @@ int SocketClient::Link::registerLocked(const ShmMemInfo* infos, size_t count) {
       peer::Request cancel;
       cancel.kind = Kind::Cancel;
       cancel.batch = batch;
+      mark("registration undone", "batch", batch);
       owe(std::move(cancel));
       if (mSock) sendOwed(Deadline::min());
     }
@@ -292,6 +352,7 @@ int SocketClient::deregisterShms(std::vector<ShmMemInfo> infos) {
         for (; next < infos.size() && rest.handles.size() < peer::kMaxHandles; ++next) {
           rest.handles.push_back(infos[next].handle);
         }
+        link.mark("deregistration owed", "memories", static_cast<long long>(rest.handles.size()));
         link.owe(std::move(rest));
       }
     }

@@ -28,6 +28,7 @@
 #include "Packet.h"
 #include "PeerWire.h"
 #include "Reaper.h"
+#include "TraceFile.h"
 #include "UniqueFd.h"
 
 namespace vrocam {
@@ -82,6 +83,12 @@ class PeerServer {
   void takeFaults(FaultRules rules);
   // When a fault rule ended the peer: the exit code it gave; otherwise -1.
   int exitCode() const { return mExitCode; }
+  // Writes a trace of what it does into dir (peer-PID.json, see TraceFile.h): a slice per request,
+  // bound by a flow to the client's call, a slice per slice of long work and per free, instants for
+  // clients coming, going and refused and for faults fired, counters of what it holds. 0, or -1
+  // when the file cannot be made (logged; the peer serves on without it).
+  int traceTo(const std::string& dir, const std::string& processName,
+              const trace::TraceLimits& limits);
   // One round of service, waiting at most waitMs for something to do (-1: as long as it takes):
   // 1 to go on, 0 when stopFd became readable, or a negative errno if polling failed.
   int round(int stopFd, int waitMs);
@@ -146,6 +153,14 @@ class PeerServer {
   Fault inject(const char* kind, pid_t pid, const std::string& what);
   // A Faults request of connection: its status, with the answer's text.
   int controlFaults(const Connection& connection, const Request& request, Answer& answer);
+  // The trace: one event on the serving thread's track; the slice of a request handled since
+  // start, ended by the flow from the client's call; what the connection and the peer hold.
+  void traceEvent(const trace::Event& event);
+  void traceRequest(const Connection& connection, const Request& request, int64_t start,
+                    int status);
+  void traceHoldings(const Connection& connection);
+  // An instant about a client: what happened, and why or what came of it.
+  void traceMark(const char* what, pid_t client, const std::string& detail);
 
   const ServerLimits mLimits;
   Budget mBudget;
@@ -166,8 +181,10 @@ class PeerServer {
   std::unique_ptr<uint8_t[]> mOut;
   Received mReceived;  // of the message being served, kept for its buffers' sake
   Request mRequest;
-  std::vector<uint8_t> mScratch;        // for reading memory
-  std::unique_ptr<FaultRules> mFaults;  // null: this peer takes no faults
+  std::vector<uint8_t> mScratch;             // for reading memory
+  std::unique_ptr<FaultRules> mFaults;       // null: this peer takes no faults
+  std::unique_ptr<trace::TraceFile> mTrace;  // null: no trace; the reaper writes into it too
+  bool mTraceFailed = false;                 // said once
   int mExitCode = -1;
   // Declared last, so gone first: the destructor hands it everything, and it frees that and ends.
   Reaper mReaper;

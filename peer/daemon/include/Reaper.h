@@ -8,6 +8,7 @@
 // count what it finished, never over an unmap or a close.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +18,7 @@
 
 #include "ClientTable.h"
 #include "ThreadSafety.h"
+#include "TraceFile.h"
 
 namespace vrocam {
 namespace peer {
@@ -36,6 +38,8 @@ class Reaper {
   uint64_t length() const EXCLUDES(mLock);
   // Waits until every memory taken is freed.
   void drain() EXCLUDES(mLock);
+  // Puts a slice of each free into file (null: none); file outlives the reaper.
+  void traceTo(trace::TraceFile* file) { mTrace = file; }
 
  private:
   void run() EXCLUDES(mLock);
@@ -45,6 +49,7 @@ class Reaper {
   std::deque<Memory> mQueue GUARDED_BY(mLock);
   uint64_t mLength GUARDED_BY(mLock) = 0;
   bool mStopping GUARDED_BY(mLock) = false;
+  std::atomic<trace::TraceFile*> mTrace{nullptr};
   std::thread mThread;  // last: starts when everything above is ready
 };
 

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+// The client's trace: opened once per process from the environment.
+#include "ClientTrace.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <mutex>
+
+#include "EnvSwitch.h"
+#include "HostLogLine.h"
+
+namespace NSCam {
+namespace ipc {
+namespace wrapper {
+namespace {
+
+struct Traces {
+  std::mutex lock;
+  pid_t owner = 0;  // the process the file belongs to
+  std::unique_ptr<vrocam::trace::TraceFile> file;
+  vrocam::trace::TraceFile* chosen = nullptr;  // setClientTrace's
+  pid_t chooser = 0;                           // the process that chose it: a child does not
+};
+
+Traces& traces() {
+  static Traces* all = new Traces();  // in use until the process ends, by threads of any kind
+  return *all;
+}
+
+void say(const std::string& problem) {
+  vrocam::host::writeLogLine('W', "VroIPCClient", problem.c_str());
+}
+
+// At exit the file is finished (what was dropped, the closing bracket); calls after it trace
+// nothing.
+void finish() {
+  Traces& t = traces();
+  std::lock_guard<std::mutex> guard(t.lock);
+  if (t.owner == getpid()) t.file.reset();
+}
+
+}  // namespace
+
+vrocam::trace::TraceFile* clientTrace() {
+  Traces& t = traces();
+  std::lock_guard<std::mutex> guard(t.lock);
+  if (t.chooser == getpid()) return t.chosen;
+  if (t.owner == getpid()) return t.file.get();
+  // The parent's file is the parent's to finish: a child forgets it and starts its own.
+  (void)t.file.release();
+  t.owner = getpid();
+  const char* dir = getenv("VROCAM_IPC_TRACE");
+  if (dir == nullptr || *dir == '\0') return nullptr;
+  vrocam::trace::TraceLimits limits;
+  limits.events = vrocam::host::envSwitch("VROCAM_IPC_TRACE_LIMIT", 200000, 1, INT_MAX);
+  const char* keep = getenv("VROCAM_IPC_TRACE_KEEP");
+  limits.keepNewest = keep != nullptr && strcmp(keep, "newest") == 0;
+  std::string name;
+  std::getline(std::ifstream("/proc/self/comm"), name);
+  t.file = vrocam::trace::TraceFile::open(dir, "client", name + " (IPC client)", limits, say);
+  if (t.file) atexit(finish);
+  return t.file.get();
+}
+
+void setClientTrace(vrocam::trace::TraceFile* file) {
+  Traces& t = traces();
+  std::lock_guard<std::mutex> guard(t.lock);
+  t.chosen = file;
+  t.chooser = file != nullptr ? getpid() : 0;
+}
+
+}  // namespace wrapper
+}  // namespace ipc
+}  // namespace NSCam
