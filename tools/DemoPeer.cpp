@@ -15,6 +15,7 @@
 #include "ErrnoText.h"
 #include "PeerCommands.h"
 #include "PeerWire.h"
+#include "TraceMerge.h"
 
 namespace vrocam {
 namespace tools {
@@ -25,7 +26,7 @@ DemoPeer::DemoPeer() : mDir("/tmp/vrocam-demo-", true) {}
 
 DemoPeer::~DemoPeer() { stop(); }
 
-bool DemoPeer::start(const std::string& binary) {
+bool DemoPeer::start(const std::string& binary, const std::string& traceDir) {
   if (mDir.path().empty()) {
     fprintf(stderr, "vrocam_shm_demo: cannot make a private directory: %s\n",
             host::errnoText(errno).c_str());
@@ -34,6 +35,7 @@ bool DemoPeer::start(const std::string& binary) {
   peer::PeerLaunch launch;
   launch.command = {binary};
   launch.socket = mDir.socket();
+  if (!traceDir.empty()) launch.flags = {"--trace", traceDir};
   const int err = mProcess.start(launch);
   if (err != 0) {
     fprintf(stderr, "vrocam_shm_demo: cannot start the peer %s: %s\n", binary.c_str(),
@@ -73,6 +75,20 @@ bool showPeerView(IPCClient& client, const ShmMemInfo& info, unsigned char writt
          asked == 0 ? seen : ("failed, " + host::errnoText(asked)).c_str(),
          filled == 0 ? wrote : ("nothing, " + host::errnoText(filled)).c_str());
   return sees && arrived;
+}
+
+void mergeDemoTrace(const std::string& dir) {
+  const trace::MergeResult merged = trace::mergeTraces(dir, dir + "/demo-trace.json");
+  if (merged.error != 0) {
+    printf("== trace: none in %s: %s\n", dir.c_str(), host::errnoText(merged.error).c_str());
+    return;
+  }
+  printf(
+      "== trace: %zu events of %zu files in %s/demo-trace.json (open it in the Perfetto UI); %s\n",
+      merged.events, merged.files, dir.c_str(),
+      merged.unmatched.empty()
+          ? "every call is linked to the peer's handling of it"
+          : (std::to_string(merged.unmatched.size()) + " flows have no other end").c_str());
 }
 
 }  // namespace tools

@@ -21,8 +21,9 @@ class DemoPeer {
 
   // Starts binary on a socket in a new private directory, which the peer makes and removes (also
   // when this program is killed), and points this process's IPC client at it
-  // (VROCAM_IPC_SOCKET). Call it before the manager's first getInstance().
-  bool start(const std::string& binary);
+  // (VROCAM_IPC_SOCKET); the peer writes its trace into traceDir unless it is empty. Call it
+  // before the manager's first getInstance().
+  bool start(const std::string& binary, const std::string& traceDir = "");
   // Stops the peer with SIGTERM: its exit code, or -1 when it did not exit by itself.
   int stop();
 
@@ -36,6 +37,9 @@ class DemoPeer {
 // false when the peer saw something else or its write did not arrive.
 bool showPeerView(NSCam::ipc::wrapper::IPCClient& client,
                   const NSCam::ipc::wrapper::ShmMemInfo& info, unsigned char written);
+
+// Merges the traces in dir into dir/demo-trace.json and prints one line saying so, or why not.
+void mergeDemoTrace(const std::string& dir);
 
 }  // namespace tools
 }  // namespace vrocam

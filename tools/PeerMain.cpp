@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -41,6 +42,8 @@ struct Options {
   int readyFd = -1;
   int lifeline = -1;
   int controlFd = -1;
+  std::string traceDir;
+  vrocam::trace::TraceLimits traceLimits;
 };
 
 void usage() {
@@ -78,6 +81,11 @@ void usage() {
       "  --lifeline FD           stop when FD hangs up or becomes readable (a pipe from a parent)\n"
       "  --control-fd FD         serve FD, a connected socket, as the parent's own: no fault rule\n"
       "                          matches its requests\n"
+      "  --trace DIR             write a trace (Chrome trace-event JSON, for Perfetto) into DIR,\n"
+      "                          as peer-PID.json\n"
+      "  --trace-limit N         events in the trace at most, 1 to 10000000 (default 200000)\n"
+      "  --trace-keep WHICH      past the limit keep the first events or the newest (default\n"
+      "                          first)\n"
       "  --status                print what a running peer holds, per client, and exit; the\n"
       "                          socket defaults to $VROCAM_IPC_SOCKET\n"
       "  --json                  with --status: print it as JSON\n"
@@ -101,6 +109,9 @@ Options parse(int argc, char** argv) {
       {"ready-fd", required_argument, nullptr, 'R'},
       {"lifeline", required_argument, nullptr, 'L'},
       {"control-fd", required_argument, nullptr, 'C'},
+      {"trace", required_argument, nullptr, 'T'},
+      {"trace-limit", required_argument, nullptr, 'l'},
+      {"trace-keep", required_argument, nullptr, 'k'},
       {"idle-timeout", required_argument, nullptr, 'i'},
       {"batch-timeout", required_argument, nullptr, 'B'},
       {"help", no_argument, nullptr, 'h'},
@@ -159,6 +170,18 @@ Options parse(int argc, char** argv) {
         break;
       case 'C':
         options.controlFd = static_cast<int>(line.number(name, optarg, 0, INT_MAX));
+        break;
+      case 'T':
+        options.traceDir = optarg;
+        break;
+      case 'l':
+        options.traceLimits.events = line.number(name, optarg, 1, 10000000);
+        break;
+      case 'k':
+        if (strcmp(optarg, "first") != 0 && strcmp(optarg, "newest") != 0) {
+          line.bad(name, optarg, "neither first nor newest");
+        }
+        options.traceLimits.keepNewest = strcmp(optarg, "newest") == 0;
         break;
       case 'i':
         limits.idleTimeout = line.duration(name, optarg, longest);
@@ -219,6 +242,10 @@ int serve(Options& options) {
 
   vrocam::peer::PeerServer server(options.limits);
   if (options.faultRules) server.takeFaults(std::move(*options.faultRules));
+  if (!options.traceDir.empty()) {
+    server.traceTo(options.traceDir, std::string(kProgram) + " " + options.socket,
+                   options.traceLimits);
+  }
   int err = stop && signals ? server.listen(options.socket, stop.get()) : -errno;
   if (err == -EINTR) return 0;  // stopped before it served
   if (err == 0 && options.controlFd >= 0) {

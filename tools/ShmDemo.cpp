@@ -40,15 +40,18 @@ std::string resultText(int result) {
 struct Options {
   unsigned int regions = 3;
   unsigned int size = 4096;
-  std::string peer;  // the peer daemon's binary, for --peer
+  std::string peer;   // the peer daemon's binary, for --peer
+  std::string trace;  // where both sides write their traces, merged at the end
 };
 
 void usage(const char* program) {
   printf(
-      "usage: %s [--regions N] [--size SIZE] [--peer BINARY]\n"
+      "usage: %s [--regions N] [--size SIZE] [--peer BINARY [--trace DIR]]\n"
       "  --regions N    memories per batch, 1 to 64 (default 3)\n"
       "  --size SIZE    size of each memory, 1 to 16M, with K or M (default 4K)\n"
       "  --peer BINARY  start the peer daemon BINARY on a private socket and run against it\n"
+      "  --trace DIR    the demo and its peer write their traces into DIR, and the demo merges\n"
+      "                 them into DIR/demo-trace.json (for Perfetto) at the end\n"
       "  --help, --version\n"
       "Options also take the form --name=VALUE. Without --peer the demo uses the peer that\n"
       "VROCAM_IPC_SOCKET names, or else the in-process loopback client. Set vendor.debug.ipc.log\n"
@@ -59,9 +62,13 @@ void usage(const char* program) {
 Options parse(int argc, char** argv) {
   const tools::CommandLine line("vrocam_shm_demo");
   const option longOptions[] = {
-      {"regions", required_argument, nullptr, 'r'}, {"size", required_argument, nullptr, 's'},
-      {"peer", required_argument, nullptr, 'p'},    {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'V'},       {nullptr, 0, nullptr, 0},
+      {"regions", required_argument, nullptr, 'r'},
+      {"size", required_argument, nullptr, 's'},
+      {"peer", required_argument, nullptr, 'p'},
+      {"trace", required_argument, nullptr, 't'},
+      {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},
+      {nullptr, 0, nullptr, 0},
   };
   Options options;
   opterr = 0;
@@ -76,6 +83,9 @@ Options parse(int argc, char** argv) {
       case 'p':
         options.peer = optarg;
         break;
+      case 't':
+        options.trace = optarg;
+        break;
       case 'h':
         usage(argv[0]);
         exit(0);
@@ -86,6 +96,7 @@ Options parse(int argc, char** argv) {
     }
   }
   line.noOperands(argc, argv);
+  if (!options.trace.empty() && options.peer.empty()) line.fail("--trace goes with --peer");
   return options;
 }
 
@@ -274,7 +285,8 @@ int main(int argc, char** argv) {
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);  // keep table rows between log lines
 
   vrocam::tools::DemoPeer peer;
-  if (!options.peer.empty() && !peer.start(options.peer)) return 1;
+  if (!options.trace.empty()) setenv("VROCAM_IPC_TRACE", options.trace.c_str(), 1);
+  if (!options.peer.empty() && !peer.start(options.peer, options.trace)) return 1;
   const char* socket = getenv("VROCAM_IPC_SOCKET");
   const bool withPeer = socket != nullptr && *socket != '\0';
   if (options.peer.empty()) {
@@ -312,5 +324,6 @@ int main(int argc, char** argv) {
     peerOk = peerOk && exitCode == 0;
   }
   printf("\n");
+  if (!options.trace.empty()) vrocam::tools::mergeDemoTrace(options.trace);
   return ok && peerOk && fdLeaks == 0 && mapLeaks == 0 ? 0 : 1;
 }

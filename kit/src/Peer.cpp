@@ -22,6 +22,8 @@
 #include "PeerProcess.h"
 #include "PeerWire.h"
 #include "StatusText.h"
+#include "TraceFile.h"
+#include "TraceMerge.h"
 #include "UniqueFd.h"
 
 namespace vrocam {
@@ -74,6 +76,7 @@ struct Peer::State {
   host::UniqueFd control;
   uint32_t seq = 0;
   bool frozen = false;
+  std::string traceDir;  // where the peer traces, or empty
 
   // A request about faults: the peer's status, with its text in *text.
   int ask(peer::FaultOp op, const std::string& rule, std::string* text) {
@@ -121,6 +124,12 @@ int Peer::start() {
   for (const std::string& rule : options.faults)
     launch.flags.insert(launch.flags.end(), {"--fault", rule});
   if (options.allowFaults) launch.flags.push_back("--allow-faults");
+  const char* processTrace = getenv("VROCAM_IPC_TRACE");
+  const std::string traceDir = !options.traceDir.empty() ? options.traceDir
+                               : processTrace != nullptr ? processTrace
+                                                         : "";
+  if (!traceDir.empty()) launch.flags.insert(launch.flags.end(), {"--trace", traceDir});
+  state.traceDir = traceDir;
   if (options.faultSeed >= 0) {
     launch.flags.insert(launch.flags.end(), {"--fault-seed", std::to_string(options.faultSeed)});
   }
@@ -238,10 +247,28 @@ std::vector<PeerMemory> Peer::holdings(pid_t pid) const {
   return memories;
 }
 
+int Peer::mergeTrace(const std::string& out, int64_t sinceNs) const {
+  if (mState->traceDir.empty()) return -ENOENT;
+  const trace::MergeResult merged = trace::mergeTraces(
+      mState->traceDir, out, static_cast<double>(sinceNs) / 1000, static_cast<double>(clockNs()));
+  return merged.error;
+}
+
+int64_t Peer::clockNs() { return trace::nowNs(); }
+
 const std::string& processSocket() {
   static const std::string socket = [] {
-    const char* given = getenv("VROCAM_IPC_SOCKET");
-    if (given != nullptr && *given != '\0') return std::string(given);
+    // Traces of a failed test are wanted: this process and its peers trace into a directory of
+    // their own there.
+    const char* tests = getenv("VROCAM_TEST_TRACE");
+    const char* given = getenv("VROCAM_IPC_TRACE");
+    if (tests != nullptr && *tests != '\0' && (given == nullptr || *given == '\0')) {
+      const std::string dir = std::string(tests) + "/run-" + std::to_string(getpid());
+      if (mkdir(dir.c_str(), 0700) == 0 || errno == EEXIST)
+        setenv("VROCAM_IPC_TRACE", dir.c_str(), 1);
+    }
+    const char* named = getenv("VROCAM_IPC_SOCKET");
+    if (named != nullptr && *named != '\0') return std::string(named);
     const std::string name = freshName("vrocam-test");
     setenv("VROCAM_IPC_SOCKET", name.c_str(), 1);
     return name;

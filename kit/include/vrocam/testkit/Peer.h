@@ -44,6 +44,9 @@ struct PeerOptions {
   std::vector<std::string> command;
   // The peer's descriptor limit; 0: this process's.
   uint64_t maxFiles = 0;
+  // Where the peer writes its trace (Chrome trace-event JSON); empty: where this process writes
+  // its own, VROCAM_IPC_TRACE, if set (processSocket() sets it under VROCAM_TEST_TRACE).
+  std::string traceDir;
   std::chrono::milliseconds startTimeout{5000};
 };
 
@@ -113,6 +116,12 @@ class VROCAM_TESTKIT_API Peer {
   // The peer's whole status, as `vrocam_ipc_peer --status` prints it: 0, or a negative errno.
   int status(std::string* text) const;
 
+  // When the peer traces: merges the traces of its directory (this process's too) from sinceNs on
+  // (CLOCK_BOOTTIME, as clockNs()) into the file out. 0, or a negative errno (-ENOENT: no trace).
+  int mergeTrace(const std::string& out, int64_t sinceNs) const;
+  // Now on the clock of the traces.
+  static int64_t clockNs();
+
  private:
   struct State;
   std::unique_ptr<State> mState;
@@ -120,7 +129,9 @@ class VROCAM_TESTKIT_API Peer {
 
 // The socket of every peer that this process's components talk to: VROCAM_IPC_SOCKET when it is
 // set; otherwise a fresh name in the abstract namespace, which is put into VROCAM_IPC_SOCKET. Call
-// it (a fixture does) before the component's first IPCClientShmMgr::getInstance().
+// it (a fixture does) before the component's first IPCClientShmMgr::getInstance(). With
+// VROCAM_TEST_TRACE=DIR (and no VROCAM_IPC_TRACE), the process and its peers trace into a
+// directory of their own in DIR (made 0700), where the fixture writes a failed test's trace.
 VROCAM_TESTKIT_API const std::string& processSocket();
 
 }  // namespace testkit

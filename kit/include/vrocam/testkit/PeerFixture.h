@@ -22,6 +22,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -68,6 +69,7 @@ class PeerFixture : public ::testing::Test {
   virtual PeerOptions peerOptions() const { return PeerOptions(); }
 
   void SetUp() override {
+    mStarted = Peer::clockNs();
     if (PeerEnvironment::shared() != nullptr) return;
     PeerOptions options = peerOptions();
     options.socket = processSocket();
@@ -97,6 +99,16 @@ class PeerFixture : public ::testing::Test {
       printf("--- the peer's log (pid %d, %s) ---\n%s--- its fault rules ---\n%s---\n",
              static_cast<int>(peer.pid()), peer.socket().c_str(), peer.log().c_str(),
              faults.empty() ? "(none)\n" : faults.c_str());
+      const char* traces = getenv("VROCAM_TEST_TRACE");
+      const ::testing::TestInfo* test = ::testing::UnitTest::GetInstance()->current_test_info();
+      if (traces != nullptr && *traces != '\0' && test != nullptr) {
+        std::string name = std::string(test->test_suite_name()) + "." + test->name();
+        std::replace(name.begin(), name.end(), '/', '_');  // parameterized tests
+        const std::string out = std::string(traces) + "/" + name + ".json";
+        if (peer.mergeTrace(out, mStarted) == 0) {
+          printf("--- the trace of this test, for the Perfetto UI: %s ---\n", out.c_str());
+        }
+      }
     }
     if (PeerEnvironment::shared() != nullptr) {
       if (peer.running()) peer.clearFaults();
@@ -113,6 +125,7 @@ class PeerFixture : public ::testing::Test {
 
  private:
   std::unique_ptr<Peer> mOwn;
+  int64_t mStarted = 0;
 };
 
 }  // namespace testkit

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+// The trace of the IPC link: what crossed it shows on both sides, linked; a trace stays within its
+// limit, loads however its process ended, and a directory it cannot use is said once and stops
+// nothing.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
+#include "ClientTrace.h"
+#include "PeerHarness.h"
+#include "PrivateDirectory.h"
+#include "ProcessState.h"
+#include "SocketClient.h"
+#include "TraceFile.h"
+#include "TraceMerge.h"
+
+namespace vrocam {
+namespace test {
+namespace {
+
+using namespace NSCam::ipc::wrapper;
+using std::string;
+
+string read(const string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// Whether the merged trace holds an event named name of the process pid.
+bool holds(const string& merged, const string& name, pid_t pid) {
+  const string mark = "\"name\":\"" + name + "\",\"cat\":\"ipc\",\"pid\":" + std::to_string(pid);
+  return merged.find(mark) != string::npos;
+}
+
+// A refusal, a fault, a timeout with its late answer and undo, and a client that died show as
+// named events on the tracks of the side that saw them, and every call is linked to its handling.
+TEST(TraceTest, WhatCrossedTheLinkShowsOnBothSides) {
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  TestPeer peer;
+  ASSERT_EQ(peer.start({"--trace", home.path()}), 0) << peer.log();
+  std::unique_ptr<trace::TraceFile> mine =
+      trace::TraceFile::open(home.path(), "client", "trace_test", {}, nullptr);
+  ASSERT_TRUE(mine);
+  setClientTrace(mine.get());
+  const LeakGuard leaks;
+  {
+    SocketClient client(peer.socket(), 150);
+    const Region sealed = makeRegion(4096, "traced", kRegionSeals);
+    const Region unsealed = makeRegion(4096, "traced");
+    ShmMemInfo info("traced", 0, 4096, sealed.fd, sealed.addr, 1);
+    ShmMemInfo bad("traced", 0, 4096, unsealed.fd, unsealed.addr, 2);
+    ASSERT_EQ(peer.addFault("register:errno=EIO:times=1"), 0);
+    EXPECT_EQ(client.registerShm(info), -EIO);
+    EXPECT_EQ(client.registerShm(bad), -EPERM);
+    ASSERT_EQ(peer.addFault("register:delay=400ms"), 0);
+    EXPECT_EQ(client.registerShm(info), -ETIMEDOUT);
+    EXPECT_TRUE(peer.logShows("gave up on a registration"));
+    EXPECT_EQ(client.waitForPeer(0), 0);  // takes the late answers
+    const pid_t child = fork();
+    if (child == 0) {
+      SocketClient other(peer.socket(), 2000);
+      std::vector<ShmMemInfo> infos{info};
+      if (other.registerShms(infos) == 0) pause();
+      _exit(1);
+    }
+    ASSERT_TRUE(
+        peer.logShows(std::to_string(child) + " uid " + std::to_string(getuid()) + " connected"));
+    ASSERT_TRUE(peer.logShows("W vrocam_ipc_peer: client pid"));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_TRUE(peer.logShows(std::to_string(child) + " uid 0 disconnected: released 1 memory"));
+    freeRegion(sealed);
+    freeRegion(unsealed);
+  }
+  const pid_t peerPid = peer.pid();
+  EXPECT_EQ(peer.stop(), 0);
+  setClientTrace(nullptr);
+  mine.reset();
+  leaks.expectNoLeaks();
+  const string out = home.path() + "/merged.json";
+  const trace::MergeResult merged = trace::mergeTraces(home.path(), out);
+  EXPECT_EQ(merged.error, 0);
+  EXPECT_EQ(merged.skipped, 0u);
+  for (const string& lone : merged.unmatched) {  // the child traced nothing, but this process did
+    EXPECT_EQ(lone.find(" " + std::to_string(getpid()) + "."), string::npos) << lone;
+  }
+  const string text = read(out);
+  const std::pair<string, pid_t> named[] = {
+      {"fault 1 fired", peerPid},
+      {"request refused", peerPid},
+      {"fault 2 fired", peerPid},
+      {"client gone", peerPid},
+      {"timeout", getpid()},
+      {"registration undone", getpid()},
+      {"late answers dropped", getpid()},
+      {"register", getpid()},
+      {"register", peerPid},
+  };
+  for (const auto& [name, pid] : named) EXPECT_TRUE(holds(text, name, pid)) << name << " " << pid;
+  EXPECT_NE(text.find("\"detail\":\"disconnected: released 1 memory (4096 bytes)\""), string::npos);
+  unlink(out.c_str());
+}
+
+// A trace keeps to its limit, keeping the first events or the newest, and says what it dropped; a
+// file whose process was killed loads; a directory that is missing, or full, is said once and
+// the link goes on.
+TEST(TraceTest, ATraceIsBoundedAndSafe) {
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  for (const bool newest : {false, true}) {
+    const pid_t child = fork();  // a file per process: one each
+    if (child == 0) {
+      auto file = trace::TraceFile::open(home.path(), newest ? "newest" : "first", "t",
+                                         {1000, newest}, nullptr);
+      const bool made = file != nullptr;
+      for (int i = 0; made && i < (newest ? 100000 : 1000000); ++i) {
+        file->add(trace::Event("i", "e" + std::to_string(i), trace::nowNs(), trace::threadId()));
+      }
+      file.reset();  // finished: what was dropped, the closing bracket
+      _exit(made ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    const string text =
+        read(home.path() + (newest ? "/newest-" : "/first-") + std::to_string(child) + ".json");
+    EXPECT_LE(text.size(), 2 + 512 + 1001 * trace::TraceFile::kSlot);
+    // The thread's name takes the first slot.
+    EXPECT_NE(text.find(newest ? "\"name\":\"e99999\"" : "\"name\":\"e998\""), string::npos);
+    EXPECT_EQ(text.find(newest ? "\"name\":\"e98999\"" : "\"name\":\"e999\""), string::npos);
+    EXPECT_NE(text.find(newest ? "\"dropped\":99001," : "\"dropped\":999001,"), string::npos);
+  }
+  // A peer killed mid-trace, a file full at its size limit: both load whole.
+  TestPeer killed;
+  ASSERT_EQ(killed.start({"--trace", home.path()}), 0);
+  EXPECT_EQ(RawClient(killed.socket()).send(message(peer::Kind::Ping)), 0);
+  const pid_t killedPid = killed.pid();
+  EXPECT_EQ(killed.stop(SIGKILL), 128 + SIGKILL);
+  const pid_t full = fork();
+  if (full == 0) {
+    const rlimit limit{8192, 8192};
+    signal(SIGXFSZ, SIG_IGN);
+    static int said = 0;
+    auto file = trace::TraceFile::open(home.path(), "full", "t", {}, [](const string&) { ++said; });
+    setrlimit(RLIMIT_FSIZE, &limit);
+    for (int i = 0; file && i < 100; ++i) {
+      file->add(trace::Event("i", "e", trace::nowNs(), trace::threadId()));
+    }
+    _exit(file && file->failed() && said == 1 ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(full, &status, 0), full);
+  EXPECT_EQ(status, 0) << "a full file was not said once";
+  const trace::MergeResult merged = trace::mergeTraces(home.path(), home.path() + "/all.json");
+  EXPECT_EQ(merged.files, 4u);
+  EXPECT_EQ(merged.skipped, 0u);
+  EXPECT_NE(read(home.path() + "/all.json")
+                .find("\"name\":\"ping\",\"cat\":\"ipc\",\"pid\":" + std::to_string(killedPid)),
+            string::npos);
+  // A missing directory: the peer serves and the client calls without their traces, each saying
+  // so once.
+  TestPeer untraced;
+  ASSERT_EQ(untraced.start({"--trace", home.path() + "/none"}), 0);
+  EXPECT_TRUE(untraced.logShows("cannot make a trace in " + home.path() +
+                                "/none: -2 ENOENT: No such file or directory; serving without it"));
+  int exitCode = -1;
+  const string demo = runTool(
+      VROCAM_DEMO_BINARY, "--regions 1 2>&1", &exitCode,
+      "env VROCAM_IPC_SOCKET=" + untraced.socket() + " VROCAM_IPC_TRACE=" + home.path() + "/none ");
+  EXPECT_EQ(exitCode, 0) << demo;
+  const string said = "cannot make the trace " + home.path() + "/none/client-";
+  EXPECT_NE(demo.find(said), string::npos) << demo;
+  EXPECT_EQ(demo.find(said), demo.rfind(said)) << demo;
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace vrocam
