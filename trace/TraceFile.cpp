@@ -3,6 +3,7 @@
 #include "TraceFile.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -50,13 +51,39 @@ int64_t nowNs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
-pid_t threadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+namespace {
+
+// The ids of this process and thread, asked once: a child after fork asks again.
+thread_local pid_t tThread = 0;
+pid_t gProcess = 0;
+
+void forget() {
+  tThread = 0;
+  gProcess = 0;
+}
+
+pid_t processId() {
+  static const int registered = pthread_atfork(nullptr, nullptr, forget);
+  (void)registered;
+  if (gProcess == 0) gProcess = getpid();
+  return gProcess;
+}
+
+}  // namespace
+
+pid_t threadId() {
+  if (tThread == 0) {
+    processId();  // the fork handler is there before any id is kept
+    tThread = static_cast<pid_t>(syscall(SYS_gettid));
+  }
+  return tThread;
+}
 
 Event::Event(const char* ph, const std::string& name, int64_t tsNs, pid_t tid) : mTid(tid) {
-  mHead = std::string("{\"ph\":\"") + ph + "\",\"name\":" +
-          host::jsonQuoted(name.substr(0, kLongestString)) + ",\"cat\":\"ipc\",\"pid\":" +
-          std::to_string(getpid()) + ",\"tid\":" + std::to_string(tid) +
-          ",\"ts\":" + micros(tsNs);
+  mHead = std::string("{\"ph\":\"") + ph +
+          "\",\"name\":" + host::jsonQuoted(name.substr(0, kLongestString)) +
+          ",\"cat\":\"ipc\",\"pid\":" + std::to_string(processId()) +
+          ",\"tid\":" + std::to_string(tid) + ",\"ts\":" + micros(tsNs);
   if (ph[0] == 'i') mHead += ",\"s\":\"t\"";  // an instant on its thread's track
 }
 
@@ -156,9 +183,12 @@ void TraceFile::add(const Event& event) {
   write(event.tid(), &line, 1);
 }
 
-void TraceFile::add(const Event& first, const Event& second) {
-  const std::string lines[] = {first.line(), second.line()};
-  write(first.tid(), lines, 2);
+void TraceFile::add(std::initializer_list<Event> events) { add(std::vector<Event>(events)); }
+
+void TraceFile::add(const std::vector<Event>& events) {
+  std::vector<std::string> lines;
+  for (const Event& event : events) lines.push_back(event.line());
+  if (!lines.empty()) write(events.front().tid(), lines.data(), lines.size());
 }
 
 void TraceFile::write(pid_t tid, const std::string* lines, size_t count) {
@@ -168,24 +198,38 @@ void TraceFile::write(pid_t tid, const std::string* lines, size_t count) {
   if (mNamed.insert(tid).second) {
     char name[32] = "";
     FILE* comm = fopen(("/proc/self/task/" + std::to_string(tid) + "/comm").c_str(), "re");
-    if (comm != nullptr && fgets(name, sizeof(name), comm) != nullptr) name[strcspn(name, "\n")] = 0;
+    if (comm != nullptr && fgets(name, sizeof(name), comm) != nullptr)
+      name[strcspn(name, "\n")] = 0;
     if (comm != nullptr) fclose(comm);
     all.push_back(Event("M", "thread_name", nowNs(), tid).arg("name", name).line());
   }
   all.insert(all.end(), lines, lines + count);
+  // Slots that follow each other in the file go in one write.
+  std::string run;
+  run.reserve(all.size() * kSlot);
+  uint64_t runStart = 0;
   for (const std::string& line : all) {
-    const std::string text = slot(line, kSlot);
-    if (text.empty() || (!mLimits.keepNewest && mWritten >= mLimits.events)) {
+    if (line.size() + 2 > kSlot || (!mLimits.keepNewest && mWritten >= mLimits.events)) {
       // The count in the header is brought up to date now and then, and at the end.
       if (++mDropped % 4096 == 1) header();
       continue;
     }
     if (mWritten >= mLimits.events) ++mDropped;  // the oldest gives way
-    put(text, static_cast<off_t>(kFirstSlot + (mWritten % mLimits.events) * kSlot));
-    if (mFailed) return;
+    const uint64_t at = mWritten % mLimits.events;
+    if (!run.empty() && at != runStart + run.size() / kSlot) {
+      put(run, static_cast<off_t>(kFirstSlot + runStart * kSlot));
+      run.clear();
+    }
+    if (run.empty()) runStart = at;
+    run += line;  // padded into its slot: a comma, spaces, a line break
+    run += ',';
+    run.append(kSlot - 2 - line.size(), ' ');
+    run += '\n';
     ++mWritten;
-    if (mLimits.keepNewest && mDropped % 4096 == 1) header();
   }
+  if (!run.empty()) put(run, static_cast<off_t>(kFirstSlot + runStart * kSlot));
+  if (mFailed) mWritten -= run.size() / kSlot;
+  if (mLimits.keepNewest && mDropped % 4096 == 1) header();
 }
 
 }  // namespace trace

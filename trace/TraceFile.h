@@ -16,10 +16,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "UniqueFd.h"
 
@@ -65,8 +67,8 @@ class TraceFile {
   // the process named processName; null when it cannot, said through report. A write that fails
   // later (a full disk) is said too, once, and the file is left as it stands.
   static std::unique_ptr<TraceFile> open(const std::string& dir, const char* role,
-                                         const std::string& processName,
-                                         const TraceLimits& limits, TraceReport report);
+                                         const std::string& processName, const TraceLimits& limits,
+                                         TraceReport report);
   // Writes what was dropped and the closing bracket.
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
@@ -75,7 +77,8 @@ class TraceFile {
   // Adds events written together (a slice and its flow, say); the first time a thread adds any,
   // its name goes first.
   void add(const Event& event);
-  void add(const Event& first, const Event& second);
+  void add(std::initializer_list<Event> events);
+  void add(const std::vector<Event>& events);
   const std::string& path() const { return mPath; }
   uint64_t dropped() const;
   // Whether a write failed (a full disk, say): nothing more is written then.

@@ -32,8 +32,10 @@ std::string field(const std::string& line, const char* key) {
   if (at == std::string::npos) return "";
   size_t start = at + quoted.size();
   size_t end = start;
-  if (line[start] == '"') end = line.find('"', ++start);
-  else end = line.find_first_of(",}", start);
+  if (line[start] == '"')
+    end = line.find('"', ++start);
+  else
+    end = line.find_first_of(",}", start);
   return end == std::string::npos ? "" : line.substr(start, end - start);
 }
 

@@ -15,7 +15,7 @@ struct MergeResult {
   int error = 0;  // 0, or a negative errno (the directory, the output)
   size_t files = 0;
   size_t events = 0;
-  size_t skipped = 0;  // lines that were no event
+  size_t skipped = 0;                  // lines that were no event
   std::vector<std::string> unmatched;  // "client call 4711.12 (register) has no end in a peer"
 };
 

@@ -78,16 +78,17 @@ const char* PeerServer::serve(Connection& connection) {
             connection.pid, connection.uid, kindName(request.kind), request.seq, handle,
             host::errnoText(status).c_str());
   }
-  traceRequest(connection, request, start, status == 1 ? 0 : status);
-  if (request.kind == Kind::Register || request.kind == Kind::Deregister ||
-      request.kind == Kind::Cancel) {
-    traceHoldings(connection);
+  if (status == 1) {
+    traceRequest(connection, request, start, 0);
+    return advance(connection);
   }
-  if (status == 1) return advance(connection);
   answer.kind = kAnswer | static_cast<uint16_t>(request.kind);
   answer.seq = request.seq;
   answer.status = status;
-  return this->answer(connection, answer);
+  const char* const why = this->answer(connection, answer);
+  // Written once the answer is on its way: the client waits for no trace.
+  traceRequest(connection, request, start, status);
+  return why;
 }
 
 int PeerServer::handle(Connection& connection, const Request& request, std::vector<UniqueFd>& fds,

@@ -35,22 +35,33 @@ void PeerServer::traceRequest(const Connection& connection, const Request& reque
                               int status) {
   if (!mTrace) return;
   const pid_t tid = trace::threadId();
-  trace::Event slice("X", kindName(request.kind), start, tid);
-  slice.dur(trace::nowNs() - start)
+  const int64_t now = trace::nowNs();
+  std::vector<trace::Event> events;
+  events.emplace_back("X", kindName(request.kind), start, tid);
+  events.back()
+      .dur(now - start)
       .arg("client", connection.pid)
       .arg("seq", request.seq)
       .arg("memories", static_cast<long long>(request.records.size() + request.handles.size()))
       .arg("answer", status)
       .arg("errno", host::errnoName(status));
-  if (status < 0) {
-    traceMark("request refused", connection.pid,
-              std::string(kindName(request.kind)) + " (seq " + std::to_string(request.seq) +
-                  "): " + host::errnoName(status));
+  if (connection.joined && !connection.control) {
+    // Bound to the slice: the arrow from the client's call to its handling here.
+    events.emplace_back("f", "request", start, tid);
+    events.back().id(std::to_string(connection.pid) + "." + std::to_string(request.seq));
   }
-  if (!connection.joined || connection.control) return traceEvent(slice);
-  // Bound to this slice's end: the arrow from the client's call to its handling here.
-  mTrace->add(slice, trace::Event("f", "request", start, tid)
-                         .id(std::to_string(connection.pid) + "." + std::to_string(request.seq)));
+  if (status < 0) {
+    events.emplace_back("i", "request refused", now, tid);
+    events.back()
+        .arg("client", connection.pid)
+        .arg("detail", std::string(kindName(request.kind)) + " (seq " +
+                           std::to_string(request.seq) + "): " + host::errnoName(status));
+  }
+  if (request.kind == Kind::Register || request.kind == Kind::Deregister ||
+      request.kind == Kind::Cancel) {
+    holdingsOf(connection, now, &events);
+  }
+  mTrace->add(events);
 }
 
 void PeerServer::traceMark(const char* what, pid_t client, const std::string& detail) {
@@ -61,17 +72,25 @@ void PeerServer::traceMark(const char* what, pid_t client, const std::string& de
   traceEvent(mark);
 }
 
-void PeerServer::traceHoldings(const Connection& connection) {
-  if (!mTrace) return;
-  const int64_t now = trace::nowNs();
+void PeerServer::holdingsOf(const Connection& connection, int64_t now,
+                            std::vector<trace::Event>* events) const {
   const ClientTable& table = connection.table;
   const pid_t tid = trace::threadId();
-  mTrace->add(trace::Event("C", "held for client " + std::to_string(connection.pid), now, tid)
-                  .arg("memories", static_cast<long long>(table.held()))
-                  .arg("bytes", static_cast<long long>(table.bytes() + table.stagedBytes())),
-              trace::Event("C", "held in all", now, tid)
-                  .arg("memories", static_cast<long long>(held()))
-                  .arg("being freed", static_cast<long long>(mReaper.memories())));
+  events->emplace_back("C", "held for client " + std::to_string(connection.pid), now, tid);
+  events->back()
+      .arg("memories", static_cast<long long>(table.held()))
+      .arg("bytes", static_cast<long long>(table.bytes() + table.stagedBytes()));
+  events->emplace_back("C", "held in all", now, tid);
+  events->back()
+      .arg("memories", static_cast<long long>(held()))
+      .arg("being freed", static_cast<long long>(mReaper.memories()));
+}
+
+void PeerServer::traceHoldings(const Connection& connection) {
+  if (!mTrace) return;
+  std::vector<trace::Event> events;
+  holdingsOf(connection, trace::nowNs(), &events);
+  mTrace->add(events);
 }
 
 }  // namespace peer

@@ -182,12 +182,12 @@ int SocketClient::Link::sendOwed(Deadline deadline) {
       // Sent, not waited for: its slice ends here, and its arrow at the peer's handling of it.
       const pid_t tid = vrocam::trace::threadId();
       file->add(
-          vrocam::trace::Event("X", std::string(peer::kindName(owed.kind)) + " (owed)", start, tid)
-              .dur(vrocam::trace::nowNs() - start)
-              .arg("seq", owed.seq)
-              .arg("memories", static_cast<long long>(owed.handles.size())),
-          vrocam::trace::Event("s", "request", start, tid)
-              .id(std::to_string(getpid()) + "." + std::to_string(owed.seq)));
+          {vrocam::trace::Event("X", std::string(peer::kindName(owed.kind)) + " (owed)", start, tid)
+               .dur(vrocam::trace::nowNs() - start)
+               .arg("seq", owed.seq)
+               .arg("memories", static_cast<long long>(owed.handles.size())),
+           vrocam::trace::Event("s", "request", start, tid)
+               .id(std::to_string(getpid()) + "." + std::to_string(owed.seq))});
     }
     mOwed.erase(mOwed.begin());  // its answer is dropped when it comes
   }
@@ -217,17 +217,17 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
   uint64_t bytes = 0;
   for (const peer::Record& record : mRequest.records) bytes += static_cast<uint64_t>(record.size);
   const bool part = (mRequest.flags & (peer::kMore | peer::kContinue)) != 0;
-  file->add(trace::Event("X", std::string(peer::kindName(mRequest.kind)) + (part ? " part" : ""),
-                         start, tid)
-                .dur(trace::nowNs() - start)
-                .arg("seq", mRequest.seq)
-                .arg("memories",
-                     static_cast<long long>(mRequest.records.size() + mRequest.handles.size()))
-                .arg("fds", static_cast<long long>(fdCount))
-                .arg("bytes", static_cast<long long>(bytes))
-                .arg("answer", result)
-                .arg("errno", host::errnoName(result)),
-            trace::Event("s", "request", start, tid).id(flow));
+  file->add({trace::Event("X", std::string(peer::kindName(mRequest.kind)) + (part ? " part" : ""),
+                          start, tid)
+                 .dur(trace::nowNs() - start)
+                 .arg("seq", mRequest.seq)
+                 .arg("memories",
+                      static_cast<long long>(mRequest.records.size() + mRequest.handles.size()))
+                 .arg("fds", static_cast<long long>(fdCount))
+                 .arg("bytes", static_cast<long long>(bytes))
+                 .arg("answer", result)
+                 .arg("errno", host::errnoName(result)),
+             trace::Event("s", "request", start, tid).id(flow)});
   if (late != 0) mark("late answers dropped", "answers", static_cast<long long>(late));
   if (err == -ETIMEDOUT) mark("timeout", "seq", mRequest.seq);
   return err;

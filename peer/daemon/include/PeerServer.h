@@ -159,6 +159,8 @@ class PeerServer {
   void traceRequest(const Connection& connection, const Request& request, int64_t start,
                     int status);
   void traceHoldings(const Connection& connection);
+  void holdingsOf(const Connection& connection, int64_t now,
+                  std::vector<trace::Event>* events) const;
   // An instant about a client: what happened, and why or what came of it.
   void traceMark(const char* what, pid_t client, const std::string& detail);
 
