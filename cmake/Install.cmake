@@ -2,8 +2,8 @@
 # Installs the library, its public headers, a CMake package (find_package, then link
 # vrocam::ipc_wrapper_common_client) and a pkg-config file (vrocam_ipc_wrapper_common_client).
 # The "host" component adds the peer daemon, the headers of its socket client
-# (vrocam::ipc_host_client) and the test kit (vrocam::testkit, its pkg-config file vrocam_testkit,
-# vrocam_peer_run and vrocam_add_peer_test()). Everything finds what it needs through run paths
+# (vrocam::ipc_host_client), the test kit (vrocam::testkit, its pkg-config file vrocam_testkit,
+# vrocam_peer_run and vrocam_add_peer_test()) and vrocam_trace_merge. Everything finds what it needs through run paths
 # relative to itself, so the prefix can be anywhere and moved.
 include(CMakePackageConfigHelpers)
 
@@ -62,7 +62,8 @@ if(VROCAM_BUILD_TOOLS)
     EXPORT_NAME ipc_peer INSTALL_RPATH "$ORIGIN/${bin_to_host}")
   set_target_properties(vrocam_peer_run PROPERTIES
     EXPORT_NAME peer_run INSTALL_RPATH "$ORIGIN/${bin_to_lib}")
-  install(TARGETS vrocam_ipc_peer vrocam_peer_run EXPORT vrocamHostTargets
+  set_target_properties(vrocam_trace_merge PROPERTIES EXPORT_NAME trace_merge)
+  install(TARGETS vrocam_ipc_peer vrocam_peer_run vrocam_trace_merge EXPORT vrocamHostTargets
           RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host)
   # The test kit: its library runs the peer in the bin/ beside its lib/.
   install(TARGETS vrocam_testkit EXPORT vrocamHostTargets

@@ -88,6 +88,7 @@ subdirectory_builds_library_only() {
 check "build, install into a fresh prefix" build_and_install
 check "no stand-in in the prefix's lib/" only_the_product_in_lib
 check "installed vrocam_ipc_peer --help runs" env -i "$prefix/bin/vrocam_ipc_peer" --help
+check "installed vrocam_trace_merge --help runs" env -i "$prefix/bin/vrocam_trace_merge" --help
 check "find_package 1.0 consumer builds and runs" find_package_consumer
 check "pkg-config consumer builds and runs" pkg_config_consumer
 check "pkg-config test kit consumer builds and runs" pkg_config_kit_consumer

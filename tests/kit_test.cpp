@@ -238,6 +238,37 @@ TEST_F(KitTest, DISABLED_HoldsPeersUntilKilled) {
   pause();
 }
 
+// Run by the test below: a test that fails, after a ping through a fault rule.
+TEST_F(KitTest, DISABLED_FailsWithItsPeersLogAndTrace) {
+  ASSERT_EQ(peer().addFault("ping:delay=10ms"), 0);
+  ASSERT_EQ(SocketClient::shared()->waitForPeer(0), 0);
+  ADD_FAILURE() << "as it should";
+}
+
+// A failed test shows the peer's log and rules, and, under VROCAM_TEST_TRACE, writes its trace.
+TEST(KitLifeTest, AFailedTestShowsWhatThePeerSawAndWritesItsTrace) {
+  if (*VROCAM_TEST_EMULATOR != '\0') GTEST_SKIP() << "runs this test program again, natively";
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  const string out =
+      runTool("/proc/" + std::to_string(getpid()) + "/exe",
+              "--gtest_also_run_disabled_tests "
+              "--gtest_filter=KitTest.DISABLED_FailsWithItsPeersLogAndTrace",
+              nullptr, "env -u VROCAM_IPC_SOCKET VROCAM_TEST_TRACE=" + home.path() + " ");
+  const string trace = home.path() + "/KitTest.DISABLED_FailsWithItsPeersLogAndTrace.json";
+  for (const string& shown :
+       {string("--- the peer's log (pid "), string("fault 1 ping:delay=10ms: matched 1, fired 1\n"),
+        "--- the trace of this test, for the Perfetto UI: " + trace + " ---\n"}) {
+    EXPECT_NE(out.find(shown), string::npos) << shown << "\n" << out;
+  }
+  std::stringstream text;
+  text << std::ifstream(trace).rdbuf();
+  EXPECT_NE(text.str().find("\"name\":\"fault 1 fired\""), string::npos);
+  EXPECT_NE(text.str().find("\"name\":\"ping\""), string::npos);
+  for (const auto& entry : std::filesystem::directory_iterator(home.path())) {  // a run's traces
+    if (entry.is_directory()) std::filesystem::remove_all(entry.path());
+  }
+}
+
 // A test killed with SIGKILL, or by ctest's timeout, leaves no peer and no file, frozen or not.
 TEST(KitLifeTest, ATestKilledAnyWayLeavesNothing) {
   if (*VROCAM_TEST_EMULATOR != '\0') GTEST_SKIP() << "runs this test program again, natively";
