@@ -8,8 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <thread>
 
 namespace vrocam {
 namespace peer {
@@ -123,8 +125,15 @@ int PeerProcess::start(const PeerLaunch& launch) {
 int PeerProcess::stop(int signal) {
   if (mPid <= 0) return -1;
   kill(mPid, signal);
+  // A peer that does not end within kStopWait is killed: stopping never hangs.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStopWaitMs);
   int status = 0;
-  while (waitpid(mPid, &status, 0) < 0 && errno == EINTR) {
+  pid_t ended;
+  auto pause = std::chrono::microseconds(50);
+  while ((ended = waitpid(mPid, &status, WNOHANG)) == 0 || (ended < 0 && errno == EINTR)) {
+    if (std::chrono::steady_clock::now() >= deadline) kill(mPid, SIGKILL);
+    std::this_thread::sleep_for(pause);
+    pause = std::min(pause * 2, std::chrono::microseconds(10000));
   }
   mPid = -1;
   mLifeline.reset();

@@ -46,8 +46,10 @@ class PeerProcess {
   // -ECHILD when the peer exited before it was ready, -ETIMEDOUT when it was not ready in time
   // (it is still running then).
   int start(const PeerLaunch& launch);
-  // Sends signal and waits for the peer to end: its wait status, or -1 when none was running.
+  // Sends signal and waits for the peer to end, killing it after kStopWaitMs: its wait status, or
+  // -1 when none was running.
   int stop(int signal = SIGTERM);
+  static constexpr int kStopWaitMs = 10000;
   pid_t pid() const { return mPid; }
 
  private:
