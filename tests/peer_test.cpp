@@ -675,6 +675,7 @@ TEST_F(PeerTest, ThePeersCommandLine) {
       {"--status --json", 0,
        "\"maxMemoriesPerClient\": 4096, \"maxBytesPerClient\": 4294967296, \"idleTimeoutMs\": "
        "30000, \"batchTimeoutMs\": 10000}"},
+      {"--status --json", 0, "], \"faults\": {\"seed\": "},
       {"--status --socket " + home.path() + "/none 2>&1", 1, "/none: -2 ENOENT: No such file"},
       {"--bogus" + at, 2, "vrocam_ipc_peer: unknown option '--bogus' (see --help)\n"},
       {"--max-clients=0" + at, 2, "--max-clients 0: not a whole number from 1 to 1024 (see"},

@@ -47,7 +47,19 @@ std::string toJson(const peer::PeerStatus& status) {
     }
     out += "]}";
   }
-  return out + "], \"total\": {" + field("clients", status.totalClients) + ", " +
+  out += "], \"faults\": ";
+  if (!status.faults) {
+    out += "null";
+  } else {
+    out += "{" + field("seed", status.faultSeed) + ", \"rules\": [";
+    for (const peer::FaultStatus& fault : status.faultList) {
+      out += std::string(&fault == &status.faultList[0] ? "" : ", ") + "{" +
+             field("rule", fault.rule) + ", \"text\": " + host::jsonQuoted(fault.text) + ", " +
+             field("matched", fault.matched) + ", " + field("fired", fault.fired) + "}";
+    }
+    out += "]}";
+  }
+  return out + ", \"total\": {" + field("clients", status.totalClients) + ", " +
          field("memories", status.totalMemories) + ", " + field("bytes", status.totalBytes) +
          "}}\n";
 }

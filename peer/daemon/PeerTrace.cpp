@@ -80,9 +80,12 @@ void PeerServer::holdingsOf(const Connection& connection, int64_t now,
   events->back()
       .arg("memories", static_cast<long long>(table.held()))
       .arg("bytes", static_cast<long long>(table.bytes() + table.stagedBytes()));
+  uint64_t bytes = 0;
+  for (const auto& each : mConnections) bytes += each->table.bytes() + each->table.stagedBytes();
   events->emplace_back("C", "held in all", now, tid);
   events->back()
       .arg("memories", static_cast<long long>(held()))
+      .arg("bytes", static_cast<long long>(bytes))
       .arg("being freed", static_cast<long long>(mReaper.memories()));
 }
 

@@ -122,6 +122,16 @@ PeerStatus parseStatus(const std::string& text) {
       const size_t name = rest.find(" name ");
       if (name != std::string::npos) memory.name = unescaped(rest.substr(name + 6));
       status.clientList.back().list.push_back(memory);
+    } else if (sscanf(at, "faults: seed %" SCNu64, &status.faultSeed) == 1) {
+      status.faults = true;
+    } else if (sscanf(at, "fault %llu %n", &a, &used) == 1 &&
+               line.rfind(": matched ") != std::string::npos) {
+      const size_t counts = line.rfind(": matched ");
+      FaultStatus fault;
+      fault.rule = a;
+      fault.text = unescaped(line.substr(static_cast<size_t>(used), counts - used));
+      sscanf(at + counts, ": matched %" SCNu64 ", fired %" SCNu64, &fault.matched, &fault.fired);
+      status.faultList.push_back(fault);
     } else if (sscanf(at, "total: %llu clients, %llu memories, %llu bytes", &a, &b, &c) == 3) {
       status.totalClients = a;
       status.totalMemories = b;

@@ -31,6 +31,13 @@ struct ClientStatus {
   std::vector<MemoryStatus> list;
 };
 
+// A fault rule of a peer that takes faults, with its counts.
+struct FaultStatus {
+  uint64_t rule = 0;
+  std::string text;
+  uint64_t matched = 0, fired = 0;
+};
+
 struct PeerStatus {
   pid_t pid = 0;
   uint64_t clients = 0, maxClients = 0;
@@ -39,6 +46,9 @@ struct PeerStatus {
   uint64_t maxMemoriesPerClient = 0, maxBytesPerClient = 0;
   int64_t idleTimeoutMs = 0, batchTimeoutMs = 0;
   std::vector<ClientStatus> clientList;  // other than the one that asked
+  bool faults = false;  // the peer takes faults
+  uint64_t faultSeed = 0;
+  std::vector<FaultStatus> faultList;
   uint64_t totalClients = 0, totalMemories = 0, totalBytes = 0;
   bool complete = false;  // its first line and its total line were there
 };
