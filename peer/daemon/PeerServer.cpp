@@ -354,7 +354,13 @@ int PeerServer::round(int stopFd, int waitMs) {
   mConnections.erase(std::remove_if(mConnections.begin(), mConnections.end(),
                                     [](const auto& connection) { return connection->gone; }),
                      mConnections.end());
-  if ((polled[0].revents & POLLIN) != 0 && mExitCode < 0) accept();
+  if ((polled[0].revents & POLLIN) != 0 && mExitCode < 0) {
+    try {
+      accept();
+    } catch (const std::bad_alloc&) {  // the connection is closed on the way out
+      peerLog(LogKind::Refused, 'W', "refused a client: out of memory");
+    }
+  }
   flushPeerLog();
   return mExitCode < 0 ? 1 : 0;  // a fault rule may end the peer
 }
