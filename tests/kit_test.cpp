@@ -122,6 +122,13 @@ TEST_F(KitTest, EachFaultReachesTheComponentAsItSays) {
        },
        {-ETIMEDOUT, 0},
        {2, 1}},
+      {"ping:errno=EIO:every=2",
+       [&] {
+         return std::vector<int>{client->waitForPeer(0), client->waitForPeer(0),
+                                 client->waitForPeer(0), client->waitForPeer(0)};
+       },
+       {0, -EIO, 0, -EIO},
+       {4, 2}},
       {"holdings:hold",
        [&] {
          const int first = holdings(&hasty);
@@ -146,7 +153,7 @@ TEST_F(KitTest, EachFaultReachesTheComponentAsItSays) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(client->waitForPeer(0), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-  EXPECT_TRUE(peer().logShows("fault 9 ping:delay=300ms fired on client pid " +
+  EXPECT_TRUE(peer().logShows("fault 10 ping:delay=300ms fired on client pid " +
                               std::to_string(getpid()) + ": ping (seq "));
   peerLeaks.expectNoLeaks();
 }
@@ -166,6 +173,7 @@ TEST_F(KitTest, ARuleEndsThePeerMidBatch) {
   }
   EXPECT_TRUE(peer().logShows("register:exit=3:nth=3 fired on client pid " +
                               std::to_string(getpid()) + ": register (seq "));
+  EXPECT_TRUE(peer().logShows(") the peer kills itself\n"));
   freeRegion(region);
 }
 
@@ -204,12 +212,28 @@ TEST_F(KitTest, TheSameSeedDrawsTheSameFaults) {
 // and changes nothing.
 TEST_F(KitTest, FaultsAreTakenOnlyWhenAllowedAndOnlyGood) {
   string why;
-  EXPECT_EQ(peer().addFault("register:errno=EIO:nth=0", &why), -EINVAL);
-  EXPECT_EQ(why, "bad fault rule 'register:errno=EIO:nth=0': 'nth=0' has no value it takes");
-  EXPECT_EQ(peer().addFault("nonsense", &why), -EINVAL);
-  std::vector<testkit::FaultCount> rules{{}};
+  for (const char* kind :
+       {"register", "deregister", "ping", "checksum", "fill", "holdings", "status", "any"}) {
+    EXPECT_EQ(peer().addFault(string(kind) + ":delay=1s:nth=1000000"), 0) << kind;
+  }
+  const std::pair<string, string> bad[] = {
+      {"register:errno=EIO:nth=0", "'nth=0' has no value it takes"},
+      {"nonsense",
+       "it matches no kind of request ('nonsense'; register, deregister, ping, "
+       "checksum, fill, holdings, status, any or accept)"},
+      {"ping", "it has no action (errno=, delay=, hold, drop, close, exit, kill or mmap)"},
+      {"ping:mmap", "mmap goes with register only"},
+      {"accept:hold", "a new connection can only be refused (errno=), closed, or end the peer"},
+      {"ping:hold:drop", "it has two actions ('hold' and 'drop')"},
+  };
+  for (const auto& [rule, problem] : bad) {
+    EXPECT_EQ(peer().addFault(rule, &why), -EINVAL) << rule;
+    EXPECT_EQ(why, "bad fault rule '" + rule + "': " + problem);
+  }
+  std::vector<testkit::FaultCount> rules;
   EXPECT_EQ(peer().faults(&rules), 0);
-  EXPECT_TRUE(rules.empty());
+  EXPECT_EQ(rules.size(), 8u) << "a bad rule was taken";
+  EXPECT_EQ(peer().clearFaults(), 0);
   EXPECT_EQ(peer().stop(), 0);
   peer().options().allowFaults = false;
   ASSERT_EQ(peer().start(), 0);

@@ -932,6 +932,9 @@ TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   EXPECT_EQ(greedy.send(registerMessage({one, two}, peer::kMore), {region.fd, region.fd}), 0);
   EXPECT_NE(runPeer("--status --socket " + peer().socket()).find("staged 2 memories, 8192 bytes\n"),
             string::npos);
+  EXPECT_NE(runPeer("--status --json --socket " + peer().socket())
+                .find("\"staged\": 2, \"stagedBytes\": 8192"),
+            string::npos);
   EXPECT_TRUE(
       peer().logShows("dropped an unfinished batch of 2 memories (8192 bytes): its next part "
                       "did not come within 300 ms\n"));
@@ -1014,8 +1017,21 @@ TEST_F(PeerTest, ALogNobodyReadsDoesNotStopThePeer) {
   ASSERT_EQ(again.send(message(Kind::Ping)), 0);
   EXPECT_TRUE(peer().logShows(logHead('I', "vrocam_ipc_peer", peer().pid()) +
                               "(the line before was repeated 1 more times)\n"));
+  // A summarised line is written in full again; a summary comes before the next other line.
+  RawClient third(peer().socket());  // in full
+  ASSERT_EQ(third.send(message(Kind::Ping)), 0);
+  {
+    RawClient fourth(peer().socket());  // a repeat, ended by the line of its going
+    ASSERT_EQ(fourth.send(message(Kind::Ping)), 0);
+  }
+  EXPECT_TRUE(peer().logShows(" uid " + std::to_string(getuid()) + " disconnected: released 0"));
   text = peer().log();
-  EXPECT_EQ(text.find("repeated"), text.rfind("repeated")) << text;
+  const size_t summary =
+      text.find("(the line before was repeated 1 more times)\n", text.rfind(" connected\n"));
+  ASSERT_NE(summary, string::npos) << text;
+  const size_t next = text.find('\n', summary) + 1;
+  EXPECT_LT(text.find(" disconnected: ", next), text.find('\n', next)) << text;
+  EXPECT_EQ(text.find(" connected\n", text.find("repeated")), text.rfind(" connected\n")) << text;
   EXPECT_EQ(text.find(" log lines: "), string::npos) << text;
 }
 
