@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Benchmarks of the trace: a registration plus deregistration through the socket client and a
-// peer (served on a thread), both traced into a private directory, beside the same untraced.
+// peer (served on a thread), both traced into a private directory, beside the same untraced; and
+// what tracing off costs an exchange.
 #include <benchmark/benchmark.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -63,6 +64,17 @@ void BM_ClientRoundTripUntraced(benchmark::State& state) { roundTrip(state, fals
 void BM_ClientRoundTripTraced(benchmark::State& state) { roundTrip(state, true); }
 BENCHMARK(BM_ClientRoundTripUntraced)->UseRealTime();
 BENCHMARK(BM_ClientRoundTripTraced)->UseRealTime();
+
+// What tracing off adds to each exchange: the question whether to trace, beside nothing.
+void BM_ClientTraceOffQuestion(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(NSCam::ipc::wrapper::clientTrace());
+}
+void BM_ClientTraceOffBaseline(benchmark::State& state) {
+  trace::TraceFile* none = nullptr;
+  for (auto _ : state) benchmark::DoNotOptimize(none);
+}
+BENCHMARK(BM_ClientTraceOffQuestion);
+BENCHMARK(BM_ClientTraceOffBaseline);
 
 }  // namespace
 }  // namespace bench

@@ -82,8 +82,11 @@ TEST(TraceTest, WhatCrossedTheLinkShowsOnBothSides) {
   const pid_t peerPid = peer.pid();
   EXPECT_EQ(peer.stop(), 0);
   setClientTrace(nullptr);
+  const string minePath = mine->path();
   mine.reset();
   leaks.expectNoLeaks();
+  const string own = read(minePath);  // finished: no spaces left past its closing bracket
+  EXPECT_EQ(own.substr(own.size() - 3), "}]\n");
   const string out = home.path() + "/merged.json";
   const trace::MergeResult merged = trace::mergeTraces(home.path(), out);
   EXPECT_EQ(merged.error, 0);

@@ -5,9 +5,11 @@
 //
 // The file is bounded: events go into fixed slots, at most `limit` of them; past the limit it
 // either stops (keeps the first) or keeps the newest, overwriting the oldest slot, and counts what
-// it dropped in the event of its first slot. Every slot is written whole at once, so a file that
-// ends because its process was killed still loads (its closing bracket missing, which the readers
-// allow). A file that cannot be made or written is said once, and never stops the link.
+// it dropped in the event of its first slot. A file that ends because its process was killed still
+// loads (its closing bracket missing, which the readers allow; an event cut by the kill is left out
+// by the merge). Slots are written through a shared mapping of the file, so that an event costs no
+// system call; the file is written with spaces a window ahead, and cut to its events at the end. A
+// file that cannot be made or written is said once, and never stops the link.
 //
 // Locking: one mutex over the slots, held for one write; any thread may add events.
 #pragma once
@@ -23,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "Mapping.h"
 #include "UniqueFd.h"
 
 namespace vrocam {
@@ -31,7 +34,8 @@ namespace trace {
 // Now on CLOCK_BOOTTIME, in nanoseconds.
 int64_t nowNs();
 
-// The thread's id.
+// The ids of this process and of the calling thread, asked of the system once (again in a child).
+pid_t processId();
 pid_t threadId();
 
 // One event being written: its fields in the order added, as JSON.
@@ -51,6 +55,7 @@ class Event {
   std::string mHead;
   std::string mArgs;
   pid_t mTid;
+  bool mFlowEnd;
 };
 
 struct TraceLimits {
@@ -86,12 +91,19 @@ class TraceFile {
 
   // Size of a slot: an event longer than that is cut to fit.
   static constexpr size_t kSlot = 320;
+  // Where the slots start: "[\n", then the header (the process's name and what was dropped).
+  static constexpr size_t kHeaderEnd = 2 + 512;
 
  private:
   TraceFile(host::UniqueFd fd, std::string path, const TraceLimits& limits, TraceReport report);
   // Writes text at offset; on failure says so (once) and writes nothing more.
   void put(const std::string& text, off_t offset);
+  void fail(const char* what);
   void write(pid_t tid, const std::string* lines, size_t count);
+  // Puts one line into the next slot, or counts it as dropped.
+  void place(const std::string& line);
+  // Slot number at in the mapped window, the window moved there first; null when that failed.
+  char* slotAt(uint64_t at);
   void header();
 
   mutable std::mutex mLock;
@@ -103,7 +115,11 @@ class TraceFile {
   uint64_t mDropped = 0;
   bool mFailed = false;  // a write failed (full disk): nothing more is written
   std::string mProcess;
-  std::set<pid_t> mNamed;  // threads whose name was written
+  std::set<pid_t> mNamed;          // threads whose name was written
+  host::Mapping mWindow;           // the slots being written, shared with the file
+  uint64_t mWindowFirst = 0;       // the first slot in mWindow
+  uint64_t mWindowStart = 0;       // where that slot is in mWindow
+  uint64_t mFileEnd = kHeaderEnd;  // the file is written (spaces at least) up to here
 };
 
 }  // namespace trace

@@ -41,7 +41,7 @@ void say(const std::string& problem) {
 void finish() {
   Traces& t = traces();
   std::lock_guard<std::mutex> guard(t.lock);
-  if (t.owner == getpid()) t.file.reset();
+  if (t.owner == vrocam::trace::processId()) t.file.reset();
 }
 
 }  // namespace
@@ -49,11 +49,11 @@ void finish() {
 vrocam::trace::TraceFile* clientTrace() {
   Traces& t = traces();
   std::lock_guard<std::mutex> guard(t.lock);
-  if (t.chooser == getpid()) return t.chosen;
-  if (t.owner == getpid()) return t.file.get();
+  if (t.chooser == vrocam::trace::processId()) return t.chosen;
+  if (t.owner == vrocam::trace::processId()) return t.file.get();
   // The parent's file is the parent's to finish: a child forgets it and starts its own.
   (void)t.file.release();
-  t.owner = getpid();
+  t.owner = vrocam::trace::processId();
   const char* dir = getenv("VROCAM_IPC_TRACE");
   if (dir == nullptr || *dir == '\0') return nullptr;
   vrocam::trace::TraceLimits limits;
@@ -71,7 +71,7 @@ void setClientTrace(vrocam::trace::TraceFile* file) {
   Traces& t = traces();
   std::lock_guard<std::mutex> guard(t.lock);
   t.chosen = file;
-  t.chooser = file != nullptr ? getpid() : 0;
+  t.chooser = file != nullptr ? vrocam::trace::processId() : 0;
 }
 
 }  // namespace wrapper
