@@ -204,7 +204,13 @@ int Peer::addFault(const std::string& rule, std::string* why) {
 
 int Peer::clearFaults() { return mState->ask(peer::FaultOp::Clear, "", nullptr); }
 
-int Peer::releaseHeld() { return mState->ask(peer::FaultOp::Release, "", nullptr); }
+int Peer::releaseHeld() {
+  std::string text;  // "released N answers"
+  const int err = mState->ask(peer::FaultOp::Release, "", &text);
+  int released = 0;
+  if (err != 0) return err;
+  return sscanf(text.c_str(), "released %d", &released) == 1 ? released : -EPROTO;
+}
 
 int Peer::faults(std::vector<FaultCount>* out, uint64_t* seed) const {
   std::string text;

@@ -105,7 +105,7 @@ class VROCAM_TESTKIT_API Peer {
   int addFault(const std::string& rule, std::string* why = nullptr);
   // Drops every rule: 0, or a negative errno.
   int clearFaults();
-  // Sends the answers that hold rules keep back: 0, or a negative errno.
+  // Sends the answers that hold rules keep back: how many it sent, or a negative errno.
   int releaseHeld();
   // The rules with their counts (and the seed, if asked): 0, or a negative errno.
   int faults(std::vector<FaultCount>* out, uint64_t* seed = nullptr) const;
