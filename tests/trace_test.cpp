@@ -111,6 +111,44 @@ TEST(TraceTest, WhatCrossedTheLinkShowsOnBothSides) {
   unlink(out.c_str());
 }
 
+// An event is one line of JSON: times in microseconds with the nanoseconds kept, names escaped,
+// the "f" end of a flow bound to its slice's end; a line that fills its slot whole is kept, one
+// byte more is dropped, and a dropped event shows in the header at once.
+TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
+  const std::pair<trace::Event, string> lines[] = {
+      {trace::Event("X", "a\"b", 1234567, 7).dur(89), R"("name":"a\"b","cat":"ipc")"},
+      {trace::Event("X", "x", 1234567, 7).dur(89), R"("tid":7,"ts":1234.567,"dur":0.089,"args")"},
+      {trace::Event("i", "\x01", 0, 7), R"("name":"\u0001")"},
+      {trace::Event("i", "x", 0, 7).arg("k", "\x1f").arg("n", -3), R"({"k":"\u001f","n":-3}})"},
+      {trace::Event("f", "request", 0, 7).id("1.2"), R"("id":"1.2","bp":"e","args")"},
+      {trace::Event("s", "request", 0, 7).id("1.2"), R"("id":"1.2","args")"},
+  };
+  for (const auto& [event, part] : lines) EXPECT_NE(event.line().find(part), string::npos) << part;
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  auto file = trace::TraceFile::open(home.path(), "slots", "t", {3, false}, nullptr);
+  ASSERT_TRUE(file);
+  const auto sized = [](size_t size) {  // an event whose line is size bytes, by its key
+    const auto make = [](size_t key) {
+      return trace::Event("i", "x", 0, trace::threadId()).arg(string(key, 'k').c_str(), 0);
+    };
+    return make(size - make(0).line().size());
+  };
+  file->add(sized(trace::TraceFile::kSlot - 2));  // after the thread's name
+  file->add(sized(trace::TraceFile::kSlot - 1));
+  file->add(trace::Event("i", "last", 0, trace::threadId()));
+  const string path = file->path();
+  EXPECT_NE(read(path).find(R"("dropped":1,)"), string::npos);
+  EXPECT_NE(read(path).find(R"("name":"thread_name")"), string::npos);
+  EXPECT_NE(read(path).find(R"("args":{"name":"trace_test"}})"), string::npos);
+  file.reset();
+  const string text = read(path);
+  const size_t kept = text.find(string(200, 'k'));  // one line of them only
+  ASSERT_NE(kept, string::npos);
+  EXPECT_EQ(text.find(string(200, 'k'), text.find('\n', kept)), string::npos);
+  EXPECT_NE(text.find(R"("name":"last")"), string::npos);
+  unlink(path.c_str());
+}
+
 // A trace keeps to its limit, keeping the first events or the newest, and says what it dropped; a
 // file whose process was killed loads; a directory that is missing, or full, is said once and
 // the link goes on.

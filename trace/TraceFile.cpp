@@ -233,11 +233,6 @@ void TraceFile::header() {
   put(text, 0);
 }
 
-uint64_t TraceFile::dropped() const {
-  std::lock_guard<std::mutex> guard(mLock);
-  return mDropped;
-}
-
 bool TraceFile::failed() const {
   std::lock_guard<std::mutex> guard(mLock);
   return mFailed;

@@ -85,7 +85,6 @@ class TraceFile {
   void add(std::initializer_list<Event> events);
   void add(const std::vector<Event>& events);
   const std::string& path() const { return mPath; }
-  uint64_t dropped() const;
   // Whether a write failed (a full disk, say): nothing more is written then.
   bool failed() const;
 
