@@ -122,6 +122,7 @@ TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
       {trace::Event("i", "x", 0, 7).arg("k", "\x1f").arg("n", -3), R"({"k":"\u001f","n":-3}})"},
       {trace::Event("f", "request", 0, 7).id("1.2"), R"("id":"1.2","bp":"e","args")"},
       {trace::Event("s", "request", 0, 7).id("1.2"), R"("id":"1.2","args")"},
+      {trace::Event("i", "x", 0, 7).arg("k", string(200, 'x')), "\"" + string(120, 'x') + "\"}}"},
   };
   for (const auto& [event, part] : lines) EXPECT_NE(event.line().find(part), string::npos) << part;
   const peer::PrivateDirectory home("/tmp/vrocam-test-");
