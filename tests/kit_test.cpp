@@ -112,6 +112,15 @@ TEST_F(KitTest, EachFaultReachesTheComponentAsItSays) {
        [&] { return std::vector<int>{client->waitForPeer(0)}; },
        {0},
        {0, 0}},
+      {"status:errno=EIO:times=1",
+       [&] {
+         RawClient asking(peer().socket());
+         peer::Request status;
+         status.kind = peer::Kind::Status;
+         return std::vector<int>{asking.send(encoded(status)), asking.send(encoded(status))};
+       },
+       {-EIO, 0},
+       {2, 1}},
       {"accept:errno=EUSERS",
        [&] { return std::vector<int>{RawClient(peer().socket()).send(message(peer::Kind::Ping))}; },
        {-EUSERS},
@@ -154,8 +163,11 @@ TEST_F(KitTest, EachFaultReachesTheComponentAsItSays) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(client->waitForPeer(0), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-  EXPECT_TRUE(peer().logShows("fault 10 ping:delay=300ms fired on client pid " +
+  EXPECT_TRUE(peer().logShows("fault 11 ping:delay=300ms fired on client pid " +
                               std::to_string(getpid()) + ": ping (seq "));
+  EXPECT_NE(runPeer("--status --json --socket " + peer().socket())
+                .find(R"({"rule": 11, "text": "ping:delay=300ms", "matched": 1, "fired": 1}]})"),
+            string::npos);
   peerLeaks.expectNoLeaks();
 }
 
@@ -217,6 +229,9 @@ TEST_F(KitTest, FaultsAreTakenOnlyWhenAllowedAndOnlyGood) {
        {"register", "deregister", "ping", "checksum", "fill", "holdings", "status", "any"}) {
     EXPECT_EQ(peer().addFault(string(kind) + ":delay=1s:nth=1000000"), 0) << kind;
   }
+  for (const char* longest : {"3600s", "3600000ms", "3600000"}) {  // an hour at most
+    EXPECT_EQ(peer().addFault(string("ping:nth=1000000:delay=") + longest), 0) << longest;
+  }
   const std::pair<string, string> bad[] = {
       {"register:errno=EIO:nth=0", "'nth=0' has no value it takes"},
       {"nonsense",
@@ -226,6 +241,7 @@ TEST_F(KitTest, FaultsAreTakenOnlyWhenAllowedAndOnlyGood) {
       {"ping:mmap", "mmap goes with register only"},
       {"accept:hold", "a new connection can only be refused (errno=), closed, or end the peer"},
       {"ping:hold:drop", "it has two actions ('hold' and 'drop')"},
+      {"ping:delay=3601s", "'delay=3601s' has no value it takes"},
   };
   for (const auto& [rule, problem] : bad) {
     EXPECT_EQ(peer().addFault(rule, &why), -EINVAL) << rule;
@@ -233,7 +249,7 @@ TEST_F(KitTest, FaultsAreTakenOnlyWhenAllowedAndOnlyGood) {
   }
   std::vector<testkit::FaultCount> rules;
   EXPECT_EQ(peer().faults(&rules), 0);
-  EXPECT_EQ(rules.size(), 8u) << "a bad rule was taken";
+  EXPECT_EQ(rules.size(), 11u) << "a bad rule was taken";
   EXPECT_EQ(peer().clearFaults(), 0);
   EXPECT_EQ(peer().stop(), 0);
   peer().options().allowFaults = false;

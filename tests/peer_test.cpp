@@ -336,7 +336,7 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
     const Region plain = makeRegion(4096, "plain", kRegionSeals);
     const Region evil = makeRegion(8192, "evil", kRegionSeals);
     std::vector<ShmMemInfo> infos{{"plain", 4, 4096, plain.fd, plain.addr, 1},
-                                  {"evil\x1b[31m\tname\xff", 4, 8192, evil.fd, evil.addr, 2}};
+                                  {"evil\x1b[31m\tname\xff\x01", 4, 8192, evil.fd, evil.addr, 2}};
     if (other.registerShms(infos) == 0 && write(ready[1], "y", 1) == 1) pause();
     _exit(1);
   }
@@ -355,13 +355,16 @@ TEST_F(PeerTest, StatusListsAClientsMemoriesThatAreDroppedWhenItDies) {
             0u)
       << status;
   EXPECT_NE(status.find(who + ": 2 memories, 12288 bytes\n  handle 1 type 4 size 4096 name plain\n"
-                              "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\\xff\n"),
+                              "  handle 2 type 4 size 8192 name evil\\x1b[31m\\tname\\xff\\x01\n"),
             std::string::npos)
       << status;
   EXPECT_NE(runPeer("--status --json --socket " + peer().socket())
-                .find("\"name\": \"evil\\u001b[31m\\u0009name\\u00ff\"}]}"),
+                .find("\"name\": \"evil\\u001b[31m\\u0009name\\u00ff\\u0001\"}]}"),
             std::string::npos);
   EXPECT_NE(status.find("total: 2 clients, 2 memories, 12288 bytes\n"), std::string::npos);
+  const std::vector<testkit::PeerMemory> seen = peer().holdings(child);  // names as they were
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[1].name, "evil\x1b[31m\tname\xff\x01");
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_TRUE(peer().logShows(who + " disconnected: released 2 memories (12288 bytes)\n"))
@@ -441,11 +444,17 @@ TEST_F(PeerTest, TheSocketIsPrivateAndOnlyItsUidAndRootMayConnect) {
             -ETIMEDOUT);
   const int stopped = waiting.stop(SIGTERM);
   EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
-  // The launcher says why a peer did not come: a command that cannot run, or no answer in time.
-  peer::PeerProcess launcher;
-  EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, filed.socket() + ".x", {}, ""}), -ENOENT);
-  EXPECT_EQ(launcher.start({{"/bin/sh", "-c", "sleep 10"}, filed.socket() + ".x", {}, "", 100}),
-            -ETIMEDOUT);
+  // The launcher says why a peer did not come: a command that cannot run, or no answer in time;
+  // what it started goes with it.
+  pid_t late = 0;
+  {
+    peer::PeerProcess launcher;
+    EXPECT_EQ(launcher.start({{"/nonexistent/peer"}, filed.socket() + ".x", {}, ""}), -ENOENT);
+    EXPECT_EQ(launcher.start({{"/bin/sh", "-c", "sleep 10"}, filed.socket() + ".x", {}, "", 100}),
+              -ETIMEDOUT);
+    late = launcher.pid();
+  }
+  EXPECT_EQ(kill(late, 0), -1) << "the launcher left its process behind";
 
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another uid";
   const string foreign = home.path() + "/foreign";
