@@ -3,6 +3,7 @@
 // limit, loads however its process ended, and a directory it cannot use is said once and stops
 // nothing.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -128,6 +129,7 @@ TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
   const peer::PrivateDirectory home("/tmp/vrocam-test-");
   auto file = trace::TraceFile::open(home.path(), "slots", "t", {3, false}, nullptr);
   ASSERT_TRUE(file);
+  pthread_setname_np(pthread_self(), "slots-test");  // not the binary's: qemu-user runs it
   const auto sized = [](size_t size) {  // an event whose line is size bytes, by its key
     const auto make = [](size_t key) {
       return trace::Event("i", "x", 0, trace::threadId()).arg(string(key, 'k').c_str(), 0);
@@ -141,7 +143,7 @@ TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
   EXPECT_FALSE(file->failed());  // a drop is no failure
   EXPECT_NE(read(path).find(R"("dropped":1,)"), string::npos);
   EXPECT_NE(read(path).find(R"("name":"thread_name")"), string::npos);
-  EXPECT_NE(read(path).find(R"("args":{"name":"trace_test"}})"), string::npos);
+  EXPECT_NE(read(path).find(R"("args":{"name":"slots-test"}})"), string::npos);
   file.reset();
   const string text = read(path);
   const size_t kept = text.find(string(200, 'k'));  // one line of them only
