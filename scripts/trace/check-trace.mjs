@@ -52,6 +52,8 @@ if (lone.length !== 0) {
   fail(`${lone.length} of ${calls.length} calls have no flow to the peer, the first: ` +
        `${lone[0].name} at ${lone[0].ts}`);
 }
+const count = (n, what) => `${n} ${what}${n === 1 ? '' : 's'}`;
 console.log(`check-trace: ${events.length} events as the schema says; the DevTools trace engine ` +
-            `links all ${calls.length} calls of ${clients.size} clients to ${peers.size} peers` +
+            `links all ${count(calls.length, 'call')} of ${count(clients.size, 'client')} to ` +
+            `${count(peers.size, 'peer')}` +
             (wanted.length ? `; found ${wanted.map((w) => `'${w}'`).join(', ')}` : ''));
