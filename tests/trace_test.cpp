@@ -53,6 +53,8 @@ TEST(TraceTest, WhatCrossedTheLinkShowsOnBothSides) {
   const LeakGuard leaks;
   {
     SocketClient client(peer.socket(), 150);
+    SocketClient second(peer.socket(), 150);  // numbered apart: no flow id used twice
+    EXPECT_EQ(second.waitForPeer(0), 0);
     const Region sealed = makeRegion(4096, "traced", kRegionSeals);
     const Region unsealed = makeRegion(4096, "traced");
     ShmMemInfo info("traced", 0, 4096, sealed.fd, sealed.addr, 1);

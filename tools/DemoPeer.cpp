@@ -88,7 +88,8 @@ void mergeDemoTrace(const std::string& dir) {
       merged.events, merged.files, dir.c_str(),
       merged.unmatched.empty()
           ? "every call is linked to the peer's handling of it"
-          : (std::to_string(merged.unmatched.size()) + " flows have no other end").c_str());
+          : (std::to_string(merged.unmatched.size()) + " flows have no other end, or more than one")
+                .c_str());
 }
 
 }  // namespace tools

@@ -19,9 +19,10 @@ void usage() {
       "usage: vrocam_trace_merge [OPTION...] DIR\n"
       "Joins the traces in DIR (peer-PID.json of vrocam_ipc_peer --trace DIR, client-PID.json of\n"
       "processes run with VROCAM_IPC_TRACE=DIR) into one trace sorted by time, and names the\n"
-      "calls whose flow has no other end. Open the result in the Perfetto UI or the DevTools.\n"
+      "calls whose flow has no other end, or more than one. Open the result in the Perfetto UI or "
+      "the DevTools.\n"
       "  --out FILE   where the trace goes (default: DIR/merged.json)\n"
-      "  --strict     exit with 1 when a flow has no other end\n"
+      "  --strict     exit with 1 when a flow has no other end, or more than one\n"
       "  --help, --version\n");
 }
 
@@ -71,7 +72,7 @@ int main(int argc, char** argv) {
     printf("; every flow has both ends\n");
     return 0;
   }
-  printf("; %zu flows have no other end:\n", merged.unmatched.size());
+  printf("; %zu flows have no other end, or more than one:\n", merged.unmatched.size());
   for (size_t i = 0; i < merged.unmatched.size() && i < 10; ++i) {
     printf("  %s\n", merged.unmatched[i].c_str());
   }

@@ -78,7 +78,7 @@ MergeResult mergeTraces(const std::string& dir, const std::string& out, double s
   }
   std::sort(names.begin(), names.end());
   std::vector<Line> lines;
-  std::map<std::string, int> flows;  // id: 1 started, 2 ended, 3 both
+  std::map<std::string, std::pair<int, int>> flows;  // id: its starts and ends
   for (const std::string& name : names) {
     std::string text;
     if (!readFile(dir + "/" + name, &text)) continue;
@@ -99,8 +99,8 @@ MergeResult mergeTraces(const std::string& dir, const std::string& out, double s
       event.metadata = ph == "M";
       if (!event.metadata && untilUs > 0 && (event.ts < sinceUs || event.ts > untilUs)) continue;
       const std::string id = field(line, "id");
-      if (ph == "s") flows[id] |= 1;
-      if (ph == "f") flows[id] |= 2;
+      if (ph == "s") ++flows[id].first;
+      if (ph == "f") ++flows[id].second;
       event.text = std::move(line);
       lines.push_back(std::move(event));
     }
@@ -109,8 +109,11 @@ MergeResult mergeTraces(const std::string& dir, const std::string& out, double s
     return a.metadata != b.metadata ? a.metadata : a.ts < b.ts;
   });
   for (const auto& [id, ends] : flows) {
-    if (ends == 1) result.unmatched.push_back("client call " + id + " has no end in a peer");
-    if (ends == 2) result.unmatched.push_back("peer handling " + id + " has no client call");
+    if (ends.first == 0) result.unmatched.push_back("peer handling " + id + " has no client call");
+    if (ends.second == 0) result.unmatched.push_back("client call " + id + " has no end in a peer");
+    if (ends.first > 1 || ends.second > 1) {
+      result.unmatched.push_back("flow " + id + " is used by more than one call");
+    }
   }
   std::string merged = "{\"traceEvents\":[\n";
   for (size_t i = 0; i < lines.size(); ++i) {

@@ -15,8 +15,9 @@ struct MergeResult {
   int error = 0;  // 0, or a negative errno (the directory, the output)
   size_t files = 0;
   size_t events = 0;
-  size_t skipped = 0;                  // lines that were no event
-  std::vector<std::string> unmatched;  // "client call 4711.12 (register) has no end in a peer"
+  size_t skipped = 0;  // lines that were no event
+  // "client call 4711.12 has no end in a peer", or a flow id that more than one call used
+  std::vector<std::string> unmatched;
 };
 
 // Merges the *.json files of dir (not out, and not files beyond 1 GiB) into out, written as

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -45,6 +46,13 @@ bool linkDown(int err) {
 // Registrations given up on, kept until their undoing can be sent; beyond, the connection is given
 // up. (Deregistrations owed are bounded by what was registered: each handle is owed once.)
 constexpr size_t kMaxCancels = 64;
+
+// Sequence numbers rise on each connection and are unique in the process, so that the client pid
+// and the number name one call in a trace, however many clients the process has.
+uint32_t nextSeq() {
+  static std::atomic<uint32_t> last{0};
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 }  // namespace
 
@@ -86,7 +94,6 @@ struct SocketClient::Link {
   const int mTimeoutMs;
   Mutex mLock;
   UniqueFd mSock GUARDED_BY(mLock);
-  uint32_t mSeq GUARDED_BY(mLock) = 0;
   peer::Request mRequest GUARDED_BY(mLock);
   std::vector<peer::Request> mOwed GUARDED_BY(mLock);  // requests to send before anything else
   bool mReported GUARDED_BY(mLock) = false;            // a failure was logged since the last answer
@@ -112,7 +119,7 @@ SocketClient* SocketClient::shared() {
 
 peer::Request& SocketClient::Link::begin(Kind kind) {
   mRequest.kind = kind;
-  mRequest.seq = ++mSeq;
+  mRequest.seq = nextSeq();
   mRequest.flags = 0;
   mRequest.records.clear();
   mRequest.handles.clear();
@@ -166,7 +173,7 @@ void SocketClient::Link::owe(peer::Request&& request) {
   }
   // Numbered now: any request of a later call comes after it, and so does its answer, which that
   // call drops as an earlier one's.
-  request.seq = ++mSeq;
+  request.seq = nextSeq();
   mOwed.push_back(std::move(request));
 }
 
