@@ -155,6 +155,59 @@ TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
   unlink(path.c_str());
 }
 
+// A merge puts the metadata first and the events in order of time, within a window when given,
+// leaves out a line cut in half, and names every flow with no other end or used twice.
+TEST(TraceTest, AMergeIsSortedAndNamesBrokenFlows) {
+  const peer::PrivateDirectory home("/tmp/vrocam-test-");
+  const auto event = [](const char* ph, int ts, const char* id) {
+    return "{\"name\":\"e" + std::to_string(ts) + "\",\"ph\":\"" + ph + "\",\"id\":\"" + id +
+           "\",\"ts\":" + std::to_string(ts) + "}";
+  };
+  std::ofstream(home.path() + "/client-1.json")
+      << "[\n"
+      << event("M", 5, "") << ",\n"
+      << event("s", 3, "1.1") << ",  \n"
+      << event("s", 1, "1.2") << ",\n{\"name\":\"cut\",\"ph\":\"X\",\"ts\":";
+  std::ofstream(home.path() + "/peer-2.json") << "[\n"
+                                              << event("f", 2, "1.1") << ",\n"
+                                              << event("f", 4, "1.3") << ",\n"
+                                              << event("f", 6, "1.3") << "]\n";
+  const struct {
+    double since, until;
+    std::vector<int> order;  // the events by their ts, after the metadata
+  } windows[] = {{0, 0, {1, 2, 3, 4, 6}}, {2, 4, {2, 3, 4}}};
+  for (const auto& window : windows) {
+    const string out = home.path() + "/merged.out";
+    const trace::MergeResult merged =
+        trace::mergeTraces(home.path(), out, window.since, window.until);
+    string expected = "{\"traceEvents\":[\n" + event("M", 5, "");
+    for (const int ts : window.order) expected += ",\n" + event(ts % 2 == 1 ? "s" : "f", ts, "");
+    expected += "\n],\"displayTimeUnit\":\"ns\"}\n";
+    string text = read(out);
+    for (const char* id : {"1.1", "1.2", "1.3"}) {  // the ids, left out of the comparison
+      for (size_t at; (at = text.find(id)) != string::npos;) text.erase(at, 3);
+    }
+    EXPECT_EQ(text, expected);
+    EXPECT_EQ(merged.events, window.order.size() + 1);
+    EXPECT_EQ(merged.files, 2u);
+    EXPECT_EQ(merged.skipped, 1u);
+    const std::vector<string> broken = {"client call 1.2 has no end in a peer",
+                                        "peer handling 1.3 has no client call",
+                                        "flow 1.3 is used by more than one call"};
+    if (window.until == 0) {
+      EXPECT_EQ(merged.unmatched, broken);
+    }
+    struct stat st {};
+    const mode_t mask = umask(0);
+    umask(mask);
+    EXPECT_EQ(stat(out.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644 & ~mask);
+    unlink(out.c_str());
+  }
+  unlink((home.path() + "/client-1.json").c_str());
+  unlink((home.path() + "/peer-2.json").c_str());
+}
+
 // A trace keeps to its limit, keeping the first events or the newest, and says what it dropped; a
 // file whose process was killed loads; a directory that is missing, or full, is said once and
 // the link goes on.
