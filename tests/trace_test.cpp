@@ -155,33 +155,38 @@ TEST(TraceTest, EventsAreLinesOfJsonInSlots) {
   unlink(path.c_str());
 }
 
-// A merge puts the metadata first and the events in order of time, within a window when given,
-// leaves out a line cut in half, and names every flow with no other end or used twice.
+// A merge puts the metadata first and the events in order of time (of file name when equal),
+// within a window when given; it reads only the regular *.json files, leaves out a line cut in
+// half, and names every flow with no other end or used twice.
 TEST(TraceTest, AMergeIsSortedAndNamesBrokenFlows) {
   const peer::PrivateDirectory home("/tmp/vrocam-test-");
-  const auto event = [](const char* ph, int ts, const char* id) {
-    return "{\"name\":\"e" + std::to_string(ts) + "\",\"ph\":\"" + ph + "\",\"id\":\"" + id +
+  const auto event = [](const string& ph, int ts, const char* id) {
+    return "{\"name\":\"" + ph + std::to_string(ts) + "\",\"ph\":\"" + ph + "\",\"id\":\"" + id +
            "\",\"ts\":" + std::to_string(ts) + "}";
   };
-  std::ofstream(home.path() + "/client-1.json")
-      << "[\n"
-      << event("M", 5, "") << ",\n"
-      << event("s", 3, "1.1") << ",  \n"
-      << event("s", 1, "1.2") << ",\n{\"name\":\"cut\",\"ph\":\"X\",\"ts\":";
-  std::ofstream(home.path() + "/peer-2.json") << "[\n"
-                                              << event("f", 2, "1.1") << ",\n"
-                                              << event("f", 4, "1.3") << ",\n"
-                                              << event("f", 6, "1.3") << "]\n";
+  const string dir = home.path() + "/";
+  std::ofstream(dir + "client-1.json") << "[\n"
+                                       << event("M", 5, "") << ",\n"
+                                       << event("s", 3, "1.1") << ",  \n"
+                                       << event("s", 1, "1.2") << ",\n{\"name\":\"cut\",\"ts\":";
+  std::ofstream(dir + "p.json") << "[\n"
+                                << event("i", 3, "") << ",\n"
+                                << event("f", 2, "1.1") << ",\n"
+                                << event("f", 4, "1.3") << ",\n"
+                                << event("f", 6, "1.3") << "]\n";
+  std::ofstream(dir + ".json") << event("i", 9, "") << "\n";  // none of these is read
+  ASSERT_EQ(mkdir((dir + "sub.json").c_str(), 0700), 0);
+  ASSERT_EQ(symlink("p.json", (dir + "link.json").c_str()), 0);
   const struct {
     double since, until;
-    std::vector<int> order;  // the events by their ts, after the metadata
-  } windows[] = {{0, 0, {1, 2, 3, 4, 6}}, {2, 4, {2, 3, 4}}};
+    std::vector<string> order;  // the events after the metadata: ph and ts
+  } windows[] = {{0, 0, {"s1", "f2", "s3", "i3", "f4", "f6"}}, {2, 4, {"f2", "s3", "i3", "f4"}}};
   for (const auto& window : windows) {
-    const string out = home.path() + "/merged.out";
+    const string out = dir + "merged.out";
     const trace::MergeResult merged =
         trace::mergeTraces(home.path(), out, window.since, window.until);
     string expected = "{\"traceEvents\":[\n" + event("M", 5, "");
-    for (const int ts : window.order) expected += ",\n" + event(ts % 2 == 1 ? "s" : "f", ts, "");
+    for (const string& e : window.order) expected += ",\n" + event(e.substr(0, 1), e[1] - '0', "");
     expected += "\n],\"displayTimeUnit\":\"ns\"}\n";
     string text = read(out);
     for (const char* id : {"1.1", "1.2", "1.3"}) {  // the ids, left out of the comparison
@@ -204,8 +209,9 @@ TEST(TraceTest, AMergeIsSortedAndNamesBrokenFlows) {
     EXPECT_EQ(st.st_mode & 0777, 0644 & ~mask);
     unlink(out.c_str());
   }
-  unlink((home.path() + "/client-1.json").c_str());
-  unlink((home.path() + "/peer-2.json").c_str());
+  for (const char* name : {"client-1.json", "p.json", ".json", "link.json"})
+    unlink((dir + name).c_str());
+  rmdir((dir + "sub.json").c_str());
 }
 
 // A trace keeps to its limit, keeping the first events or the newest, and says what it dropped; a
