@@ -6,8 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <memory>
+#include <string>
 
 #include "PeerBenchSupport.h"
 #include "vrocam/testkit/Peer.h"
@@ -50,16 +49,11 @@ void pingPeer(benchmark::State& state, bool rules) {
   }
   testkit::Peer peer(options);
   if (peer.start() != 0) return state.SkipWithError("the peer did not start");
-  const std::string socket = gSocket;
-  gSocket = peer.socket();
-  {
-    Asker asker;
-    peer::Request ping;
-    for (auto _ : state) {
-      if (asker.ask(ping) != 0) state.SkipWithError("ping failed");
-    }
+  Asker asker(peer.socket());
+  peer::Request ping;
+  for (auto _ : state) {
+    if (asker.ask(ping) != 0) state.SkipWithError("ping failed");
   }
-  gSocket = socket;
 }
 
 void BM_KitPingPeerWithoutRules(benchmark::State& state) { pingPeer(state, false); }

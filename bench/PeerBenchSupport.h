@@ -36,8 +36,8 @@ struct Region {
 // A raw connection to the peer, asking one request at a time.
 class Asker {
  public:
-  Asker() {
-    if (peer::connectTo(gSocket, 2000, &mSock) != 0) abort();
+  explicit Asker(const std::string& socket = gSocket) {
+    if (peer::connectTo(socket, 2000, &mSock) != 0) abort();
   }
   // Sends request (with the next sequence number) and its descriptors.
   int post(peer::Request& request, const int* fds = nullptr, size_t fdCount = 0) {
@@ -68,11 +68,11 @@ class Asker {
   uint8_t mBuffer[peer::kMaxMessage];
 };
 
-// Registers memory of size bytes behind fd as handle over asker: 0, or the peer's refusal.
-inline int registerMemory(Asker& asker, int fd, uint64_t size, int32_t handle = 1) {
+// Registers memory of size bytes behind fd as handle 1 over asker: 0, or the peer's refusal.
+inline int registerMemory(Asker& asker, int fd, uint64_t size) {
   peer::Request request;
   request.kind = peer::Kind::Register;
-  request.records = {peer::Record{handle, 0, static_cast<int64_t>(size), "load"}};
+  request.records = {peer::Record{1, 0, static_cast<int64_t>(size), "load"}};
   return asker.ask(request, &fd, 1);
 }
 

@@ -28,8 +28,8 @@ namespace vrocam {
 namespace bench {
 namespace {
 
+using peer::Clock;
 using peer::Kind;
-using Clock = std::chrono::steady_clock;
 
 enum class Load { None, Checksum, ManyChecksums, Deregister, Disconnect };
 

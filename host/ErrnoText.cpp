@@ -8,17 +8,22 @@
 namespace vrocam {
 namespace host {
 
+namespace {
+
+// err's number, positive; 0 for none.
+int positive(int err) { return err == INT_MIN ? 0 : err < 0 ? -err : err; }
+
+}  // namespace
+
 std::string errnoText(int err) {
-  const int positive = err == INT_MIN ? 0 : err < 0 ? -err : err;
-  const char* name = positive == 0 ? nullptr : strerrorname_np(positive);
-  const char* text = positive == 0 ? nullptr : strerrordesc_np(positive);
-  if (name == nullptr || text == nullptr) return std::to_string(err) + " (no errno)";
+  const std::string name = errnoName(err);
+  const char* text = name.empty() ? nullptr : strerrordesc_np(positive(err));
+  if (text == nullptr) return std::to_string(err) + " (no errno)";
   return std::to_string(err) + " " + name + ": " + text;
 }
 
 std::string errnoName(int err) {
-  const int positive = err == INT_MIN ? 0 : err < 0 ? -err : err;
-  const char* name = positive == 0 ? nullptr : strerrorname_np(positive);
+  const char* name = positive(err) == 0 ? nullptr : strerrorname_np(positive(err));
   return name == nullptr ? "" : name;
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The one escaper of text that may come from anywhere (a name another process chose): line breaks
-// and tabs as \n, \r, \t, every other control byte and DEL as \xHH, the rest as it is; so that the
-// text shows on one line and forges none.
+// The escapers of text that may come from anywhere (a name another process chose), for a log line,
+// a terminal and JSON: so that the text shows as it should and forges nothing.
 #pragma once
 
 #include <cstddef>

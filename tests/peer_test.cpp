@@ -893,7 +893,8 @@ TEST_F(PeerTest, OneClientsWorkDoesNotHoldUpAnother) {
 TEST_F(PeerTest, BudgetsKeepThePeerServingEveryClient) {
   ASSERT_EQ(peer().stop(), 0);
   TestPeer starved;
-  EXPECT_EQ(starved.start({}, 24), -ECHILD);
+  starved.options().maxFiles = 24;
+  EXPECT_EQ(starved.start(), -ECHILD);
   EXPECT_EQ(starved.stop(), -1) << "a peer that ended is stopped again";
   EXPECT_TRUE(starved.logShows(": the descriptor limit 24 leaves none for memories"));
   // One client cannot take the whole budget: with two client slots each gets half of it.

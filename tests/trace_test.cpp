@@ -45,7 +45,8 @@ bool holds(const string& merged, const string& name, pid_t pid) {
 TEST(TraceTest, WhatCrossedTheLinkShowsOnBothSides) {
   const peer::PrivateDirectory home("/tmp/vrocam-test-");
   TestPeer peer;
-  ASSERT_EQ(peer.start({"--trace", home.path()}), 0) << peer.log();
+  peer.options().traceDir = home.path();
+  ASSERT_EQ(peer.start(), 0) << peer.log();
   std::unique_ptr<trace::TraceFile> mine =
       trace::TraceFile::open(home.path(), "client", "trace_test", {}, nullptr);
   ASSERT_TRUE(mine);
@@ -244,7 +245,8 @@ TEST(TraceTest, ATraceIsBoundedAndSafe) {
   }
   // A peer killed mid-trace, a file full at its size limit: both load whole.
   TestPeer killed;
-  ASSERT_EQ(killed.start({"--trace", home.path()}), 0);
+  killed.options().traceDir = home.path();
+  ASSERT_EQ(killed.start(), 0);
   RawClient pinging(killed.socket());
   EXPECT_EQ(pinging.send(message(peer::Kind::Ping)), 0);
   EXPECT_EQ(pinging.send(message(peer::Kind::Ping)), 0);  // the first one's slice is written
@@ -274,7 +276,8 @@ TEST(TraceTest, ATraceIsBoundedAndSafe) {
   // A missing directory: the peer serves and the client calls without their traces, each saying
   // so once.
   TestPeer untraced;
-  ASSERT_EQ(untraced.start({"--trace", home.path() + "/none"}), 0);
+  untraced.options().traceDir = home.path() + "/none";
+  ASSERT_EQ(untraced.start(), 0);
   EXPECT_TRUE(untraced.logShows("cannot make a trace in " + home.path() +
                                 "/none: -2 ENOENT: No such file or directory; serving without it"));
 #ifdef VROCAM_DEMO_BINARY  // a build without the demos has none to run

@@ -23,7 +23,7 @@ class DemoPeer {
   // when this program is killed), and points this process's IPC client at it
   // (VROCAM_IPC_SOCKET); the peer writes its trace into traceDir unless it is empty. Call it
   // before the manager's first getInstance().
-  bool start(const std::string& binary, const std::string& traceDir = "");
+  bool start(const std::string& binary, const std::string& traceDir);
   // Stops the peer with SIGTERM: its exit code, or -1 when it did not exit by itself.
   int stop();
 

@@ -32,13 +32,23 @@ constexpr size_t kLongestString = 120;
 // Slots are written through a mapping of this many at a time.
 constexpr uint64_t kWindowSlots = 4096;
 
-// line padded into a slot of size bytes: the line, a comma, spaces, a line break. Empty when it
-// does not fit.
+// Whether line fits a slot of size bytes, padded.
+bool fits(const std::string& line, size_t size) { return line.size() + 2 <= size; }
+
+// Writes line padded into the size bytes at out: the line, a comma, spaces, a line break.
+void pad(char* out, const std::string& line, size_t size) {
+  memcpy(out, line.data(), line.size());
+  out[line.size()] = ',';
+  memset(out + line.size() + 1, ' ', size - 2 - line.size());
+  out[size - 1] = '\n';
+}
+
+// line padded into a slot of size bytes; empty when it does not fit.
 std::string slot(const std::string& line, size_t size) {
-  if (line.size() + 2 > size) return "";
-  std::string out = line + ",";
-  out.resize(size - 1, ' ');
-  return out + "\n";
+  if (!fits(line, size)) return "";
+  std::string out(size, ' ');
+  pad(&out[0], line, size);
+  return out;
 }
 
 }  // namespace
@@ -171,7 +181,7 @@ std::string Event::line() const {
 std::unique_ptr<TraceFile> TraceFile::open(const std::string& dir, const char* role,
                                            const std::string& processName,
                                            const TraceLimits& limits, TraceReport report) {
-  const std::string path = dir + "/" + role + "-" + std::to_string(getpid()) + ".json";
+  const std::string path = dir + "/" + role + "-" + std::to_string(processId()) + ".json";
   // O_EXCL: never a file, or a link, that someone put there.
   host::UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) {
@@ -196,7 +206,7 @@ TraceFile::~TraceFile() {
   mWindow = host::Mapping();
   header();
   const uint64_t slots = mWritten < mLimits.events ? mWritten : mLimits.events;
-  const std::string last = Event("M", "trace_end", nowNs(), getpid()).line() + "]\n";
+  const std::string last = Event("M", "trace_end", nowNs(), processId()).line() + "]\n";
   const off_t end = static_cast<off_t>(kFirstSlot + slots * kSlot);
   put(last, end);
   // The spaces made ready past the last slot go.
@@ -223,8 +233,8 @@ void TraceFile::put(const std::string& text, off_t offset) {
 void TraceFile::header() {
   const int64_t now = nowNs();
   const std::string text =
-      "[\n" + slot(Event("M", "process_name", now, getpid()).arg("name", mProcess).line(), 256) +
-      slot(Event("M", "vrocam_trace", now, getpid())
+      "[\n" + slot(Event("M", "process_name", now, processId()).arg("name", mProcess).line(), 256) +
+      slot(Event("M", "vrocam_trace", now, processId())
                .arg("dropped", static_cast<long long>(mDropped))
                .arg("limit", static_cast<long long>(mLimits.events))
                .arg("keep", mLimits.keepNewest ? "newest" : "first")
@@ -238,48 +248,51 @@ bool TraceFile::failed() const {
   return mFailed;
 }
 
-void TraceFile::add(const Event& event) {
-  const std::string line = event.line();
-  write(event.tid(), &line, 1);
+void TraceFile::add(const Event& event) { add(&event, 1); }
+
+void TraceFile::add(std::initializer_list<Event> events) { add(events.begin(), events.size()); }
+
+void TraceFile::add(const std::vector<Event>& events) { add(events.data(), events.size()); }
+
+void TraceFile::add(const Event* events, size_t count) {
+  std::vector<std::string> lines;
+  lines.reserve(count);
+  for (size_t i = 0; i < count; ++i) lines.push_back(events[i].line());
+  if (count != 0) write(events[0].tid(), lines.data(), count);
 }
 
-void TraceFile::add(std::initializer_list<Event> events) { add(std::vector<Event>(events)); }
+std::string threadName(pid_t tid) {
+  char name[32] = "";
+  FILE* comm = fopen(("/proc/self/task/" + std::to_string(tid) + "/comm").c_str(), "re");
+  if (comm != nullptr && fgets(name, sizeof(name), comm) != nullptr) name[strcspn(name, "\n")] = 0;
+  if (comm != nullptr) fclose(comm);
+  return name;
+}
 
-void TraceFile::add(const std::vector<Event>& events) {
-  std::vector<std::string> lines;
-  for (const Event& event : events) lines.push_back(event.line());
-  if (!lines.empty()) write(events.front().tid(), lines.data(), lines.size());
+std::string flowId(pid_t client, uint32_t seq) {
+  return std::to_string(client) + "." + std::to_string(seq);
 }
 
 void TraceFile::write(pid_t tid, const std::string* lines, size_t count) {
   std::lock_guard<std::mutex> guard(mLock);
   if (mFailed) return;
   if (mNamed.insert(tid).second) {
-    char name[32] = "";
-    FILE* comm = fopen(("/proc/self/task/" + std::to_string(tid) + "/comm").c_str(), "re");
-    if (comm != nullptr && fgets(name, sizeof(name), comm) != nullptr)
-      name[strcspn(name, "\n")] = 0;
-    if (comm != nullptr) fclose(comm);
-    place(Event("M", "thread_name", nowNs(), tid).arg("name", name).line());
+    place(Event("M", "thread_name", nowNs(), tid).arg("name", threadName(tid)).line());
   }
   for (size_t i = 0; i < count; ++i) place(lines[i]);
-  if (mLimits.keepNewest && mDropped % 4096 == 1) header();
 }
 
 void TraceFile::place(const std::string& line) {
-  if (line.size() + 2 > kSlot || (!mLimits.keepNewest && mWritten >= mLimits.events)) {
-    // The count in the header is brought up to date now and then, and at the end.
+  // The count in the header is brought up to date now and then, and at the end.
+  if (!fits(line, kSlot) || (!mLimits.keepNewest && mWritten >= mLimits.events)) {
     if (++mDropped % 4096 == 1) header();
     return;
   }
   char* slot = slotAt(mWritten % mLimits.events);
   if (slot == nullptr) return;
-  if (mWritten >= mLimits.events) ++mDropped;  // the oldest gives way
-  // The line, a comma, spaces, a line break.
-  memcpy(slot, line.data(), line.size());
-  slot[line.size()] = ',';
-  memset(slot + line.size() + 1, ' ', kSlot - 2 - line.size());
-  slot[kSlot - 1] = '\n';
+  // The oldest gives way.
+  if (mWritten >= mLimits.events && ++mDropped % 4096 == 1) header();
+  pad(slot, line, kSlot);
   ++mWritten;
 }
 

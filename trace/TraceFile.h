@@ -37,6 +37,10 @@ int64_t nowNs();
 // The ids of this process and of the calling thread, asked of the system once (again in a child).
 pid_t processId();
 pid_t threadId();
+// The name of thread tid of this process ("" when it cannot be read).
+std::string threadName(pid_t tid);
+// What names a flow, the arrow from a client's call to the peer's handling of it, on both sides.
+std::string flowId(pid_t client, uint32_t seq);
 
 // One event being written: its fields in the order added, as JSON.
 class Event {
@@ -98,6 +102,7 @@ class TraceFile {
   // Writes text at offset; on failure says so (once) and writes nothing more.
   void put(const std::string& text, off_t offset);
   void fail(const char* what);
+  void add(const Event* events, size_t count);
   void write(pid_t tid, const std::string* lines, size_t count);
   // Puts one line into the next slot, or counts it as dropped.
   void place(const std::string& line);

@@ -15,7 +15,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <thread>
 
 #include "Packet.h"
@@ -217,17 +216,11 @@ int Peer::faults(std::vector<FaultCount>* out, uint64_t* seed) const {
   const int err = mState->ask(peer::FaultOp::List, "", &text);
   if (err != 0) return err;
   out->clear();
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    unsigned long long number = 0, matched = 0, fired = 0;
-    int used = 0;
-    const size_t counts = line.rfind(": matched ");
-    if (seed != nullptr && sscanf(line.c_str(), "faults: seed %llu", &number) == 1) *seed = number;
-    if (counts == std::string::npos || sscanf(line.c_str(), "fault %llu %n", &number, &used) != 1 ||
-        sscanf(line.c_str() + counts, ": matched %llu, fired %llu", &matched, &fired) != 2) {
-      continue;
-    }
-    out->push_back(FaultCount{number, line.substr(used, counts - used), matched, fired});
+  const peer::PeerStatus parsed = peer::parseStatus(text);  // the lines of the status's faults
+  if (seed != nullptr && parsed.faults) *seed = parsed.faultSeed;
+  for (const peer::FaultStatus& fault : parsed.faultList) {
+    out->push_back(
+        FaultCount{static_cast<size_t>(fault.rule), fault.text, fault.matched, fault.fired});
   }
   return 0;
 }

@@ -63,7 +63,6 @@ std::string FaultRules::add(const std::string& text) {
   if (mRules.size() >= kMaxRules)
     return "there are " + std::to_string(kMaxRules) + " rules already";
   Rule rule;
-  rule.text = text;
   std::vector<std::string> fields;
   std::istringstream parts(text);
   for (std::string field; std::getline(parts, field, ':');) fields.push_back(field);
@@ -165,9 +164,9 @@ Fault FaultRules::match(const char* kind, pid_t pid) {
 }
 
 std::string FaultRules::list() const {
-  std::string out;
+  std::string out = "faults: seed " + std::to_string(mSeed) + "\n";
   for (const Rule& rule : mRules) {
-    out += "fault " + std::to_string(rule.fault.rule) + " " + host::escaped(rule.text) +
+    out += "fault " + std::to_string(rule.fault.rule) + " " + host::escaped(rule.fault.text) +
            ": matched " + std::to_string(rule.matched) + ", fired " + std::to_string(rule.fired) +
            "\n";
   }

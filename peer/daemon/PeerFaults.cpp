@@ -49,14 +49,15 @@ void PeerServer::takeFaults(FaultRules rules) {
 Fault PeerServer::inject(const char* kind, pid_t pid, const std::string& what) {
   const Fault fault = mFaults->match(kind, pid);
   if (fault.action == FaultAction::None) return fault;
+  const std::string effect = effectOf(fault);
   peerLog('W', "fault %zu %s fired on client pid %d: %s %s", fault.rule,
-          host::escaped(fault.text).c_str(), pid, what.c_str(), effectOf(fault).c_str());
+          host::escaped(fault.text).c_str(), pid, what.c_str(), effect.c_str());
   traceEvent(trace::Event("i", "fault " + std::to_string(fault.rule) + " fired", trace::nowNs(),
                           trace::threadId())
                  .arg("rule", fault.text)
                  .arg("client", pid)
                  .arg("request", what)
-                 .arg("action", effectOf(fault)));
+                 .arg("action", effect));
   if (fault.action == FaultAction::Exit) mExitCode = fault.value;
   if (fault.action == FaultAction::Kill) {
     flushPeerLog();
@@ -90,7 +91,7 @@ int PeerServer::controlFaults(const Connection& connection, const Request& reque
       peerLog('I', "client pid %d cleared the fault rules", connection.pid);
       return 0;
     case FaultOp::List:
-      answer.text = "faults: seed " + std::to_string(mFaults->seed()) + "\n" + mFaults->list();
+      answer.text = mFaults->list();
       return 0;
     case FaultOp::Release: {
       size_t released = 0;

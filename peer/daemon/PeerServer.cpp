@@ -68,11 +68,7 @@ PeerServer::~PeerServer() {
   for (auto dir = mMadeDirectories.rbegin(); dir != mMadeDirectories.rend(); ++dir) {
     rmdir(dir->c_str());  // only when empty: what others put there stays
   }
-  for (const auto& connection : mConnections) {
-    connection->command = LongCommand();
-    connection->table.clear();
-    reap(*connection);
-  }
+  for (const auto& connection : mConnections) letGo(*connection);
   if (mListen) {
     peerLog('I', "stopped: released %s of %s", counted(memories, "memory", "memories").c_str(),
             counted(clients, "client", "clients").c_str());
@@ -98,9 +94,12 @@ size_t PeerServer::held() const {
 }
 
 Room PeerServer::room() const {
+  size_t held = mReaper.memories();
   uint64_t length = mReaper.length();
-  for (const auto& connection : mConnections) length += connection->table.length();
-  const size_t held = this->held();
+  for (const auto& connection : mConnections) {
+    held += connection->table.held();
+    length += connection->table.length();
+  }
   return Room{mBudget.memories > held ? mBudget.memories - held : 0,
               mBudget.addressSpace > length ? mBudget.addressSpace - length : 0};
 }
@@ -465,18 +464,24 @@ void PeerServer::drop(Connection& gone, const char* why, int reason) {
     peerLog(LogKind::Disconnected, 'I', "client pid %d uid %u %s: released %s (%llu bytes)%s",
             gone.pid, gone.uid, why, counted(table.memories().size(), "memory", "memories").c_str(),
             static_cast<unsigned long long>(table.bytes()), staged.c_str());
-    traceMark("client gone", gone.pid,
-              std::string(why) + ": released " + counted(table.held(), "memory", "memories") +
-                  " (" + std::to_string(table.bytes() + table.stagedBytes()) + " bytes)");
+    if (mTrace) {
+      traceMark("client gone", gone.pid,
+                std::string(why) + ": released " + counted(table.held(), "memory", "memories") +
+                    " (" + std::to_string(table.bytes() + table.stagedBytes()) + " bytes)");
+    }
   }
   if (reason != 0) refuse(std::move(gone.sock), reason);
   gone.gone = true;
   gone.joined = false;
-  gone.command = LongCommand();
-  table.clear();
-  reap(gone);
+  letGo(gone);
   gone.sock.reset();
-  if (gone.joined || !gone.control) traceHoldings(gone);
+  if (!gone.control) traceHoldings(gone);
+}
+
+void PeerServer::letGo(Connection& connection) {
+  connection.command = LongCommand();
+  connection.table.clear();
+  reap(connection);
 }
 
 }  // namespace peer

@@ -48,7 +48,7 @@ void PeerServer::traceRequest(const Connection& connection, const Request& reque
   if (connection.joined && !connection.control) {
     // Bound to the slice: the arrow from the client's call to its handling here.
     events.emplace_back("f", "request", start, tid);
-    events.back().id(std::to_string(connection.pid) + "." + std::to_string(request.seq));
+    events.back().id(trace::flowId(connection.pid, request.seq));
   }
   if (status < 0) {
     events.emplace_back("i", "request refused", now, tid);

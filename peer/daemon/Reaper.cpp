@@ -74,11 +74,6 @@ uint64_t Reaper::length() const {
   return mLength;
 }
 
-void Reaper::drain() {
-  host::MutexLock guard(mLock);
-  mWake.wait(mLock, [this]() REQUIRES(mLock) { return mQueue.empty(); });
-}
-
 void Reaper::run() {
   mLock.lock();
   for (;;) {
@@ -99,7 +94,6 @@ void Reaper::run() {
     mLock.lock();
     mLength -= length;
     mQueue.pop_front();
-    if (mQueue.empty()) mWake.notify_all();
   }
   mLock.unlock();
 }

@@ -44,9 +44,7 @@ void PeerServer::statusPage(const Connection& asking, const StatusCursor& from,
                            mShare.maxMemories, static_cast<unsigned long long>(mShare.maxBytes),
                            static_cast<long long>(mLimits.idleTimeout.count()),
                            static_cast<long long>(mLimits.batchTimeout.count())));
-    if (mFaults) {
-      add(page, "faults: seed " + std::to_string(mFaults->seed()) + "\n" + mFaults->list());
-    }
+    if (mFaults) add(page, mFaults->list());
   }
   // The clients from the cursor on, in the order they came; the asking one, and any that only
   // asked for the status, hold nothing of interest.

@@ -80,7 +80,6 @@ int fetchStatus(int sock, uint32_t* seq, std::string* text) {
 
 PeerStatus parseStatus(const std::string& text) {
   PeerStatus status;
-  bool header = false;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     const char* at = line.c_str();
@@ -95,7 +94,6 @@ PeerStatus parseStatus(const std::string& text) {
                &pid, &status.clients, &status.maxClients, &status.memories, &status.maxMemories,
                &status.freeing, &status.addressSpace, &status.maxAddressSpace) == 8) {
       status.pid = pid;
-      header = true;
     } else if (sscanf(at,
                       "per client: at most %llu memories and %llu bytes; idle timeout %lld ms; "
                       "batch timeout %lld ms",
@@ -136,7 +134,6 @@ PeerStatus parseStatus(const std::string& text) {
       status.totalClients = a;
       status.totalMemories = b;
       status.totalBytes = c;
-      status.complete = header;
     }
   }
   return status;

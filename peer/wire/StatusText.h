@@ -46,11 +46,10 @@ struct PeerStatus {
   uint64_t maxMemoriesPerClient = 0, maxBytesPerClient = 0;
   int64_t idleTimeoutMs = 0, batchTimeoutMs = 0;
   std::vector<ClientStatus> clientList;  // other than the one that asked
-  bool faults = false;  // the peer takes faults
+  bool faults = false;                   // the peer takes faults
   uint64_t faultSeed = 0;
   std::vector<FaultStatus> faultList;
   uint64_t totalClients = 0, totalMemories = 0, totalBytes = 0;
-  bool complete = false;  // its first line and its total line were there
 };
 
 // Fetches the whole status text of the peer at socket into *text: 0, or a negative errno: the

@@ -2,12 +2,9 @@
 // The client's trace: opened once per process from the environment.
 #include "ClientTrace.h"
 
-#include <unistd.h>
-
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <mutex>
 
@@ -57,11 +54,11 @@ vrocam::trace::TraceFile* clientTrace() {
   const char* dir = getenv("VROCAM_IPC_TRACE");
   if (dir == nullptr || *dir == '\0') return nullptr;
   vrocam::trace::TraceLimits limits;
-  limits.events = vrocam::host::envSwitch("VROCAM_IPC_TRACE_LIMIT", 200000, 1, INT_MAX);
+  limits.events = vrocam::host::envSwitch("VROCAM_IPC_TRACE_LIMIT",
+                                          static_cast<uint32_t>(limits.events), 1, INT_MAX);
   const char* keep = getenv("VROCAM_IPC_TRACE_KEEP");
   limits.keepNewest = keep != nullptr && strcmp(keep, "newest") == 0;
-  std::string name;
-  std::getline(std::ifstream("/proc/self/comm"), name);
+  const std::string name = vrocam::trace::threadName(vrocam::trace::processId());
   t.file = vrocam::trace::TraceFile::open(dir, "client", name + " (IPC client)", limits, say);
   if (t.file) atexit(finish);
   return t.file.get();

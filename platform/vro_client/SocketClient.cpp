@@ -194,7 +194,7 @@ int SocketClient::Link::sendOwed(Deadline deadline) {
                .arg("seq", owed.seq)
                .arg("memories", static_cast<long long>(owed.handles.size())),
            vrocam::trace::Event("s", "request", start, tid)
-               .id(std::to_string(getpid()) + "." + std::to_string(owed.seq))});
+               .id(vrocam::trace::flowId(vrocam::trace::processId(), owed.seq))});
     }
     mOwed.erase(mOwed.begin());  // its answer is dropped when it comes
   }
@@ -220,7 +220,6 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
   const int err = exchangeOnce(fds, fdCount, retry, deadline, answer, sentOut, &late);
   const int result = err != 0 ? err : answer->status;
   const pid_t tid = trace::threadId();
-  const std::string flow = std::to_string(getpid()) + "." + std::to_string(mRequest.seq);
   uint64_t bytes = 0;
   for (const peer::Record& record : mRequest.records) bytes += static_cast<uint64_t>(record.size);
   const bool part = (mRequest.flags & (peer::kMore | peer::kContinue)) != 0;
@@ -234,7 +233,8 @@ int SocketClient::Link::exchange(const int* fds, size_t fdCount, bool retry, Dea
                  .arg("bytes", static_cast<long long>(bytes))
                  .arg("answer", result)
                  .arg("errno", host::errnoName(result)),
-             trace::Event("s", "request", start, tid).id(flow)});
+             trace::Event("s", "request", start, tid)
+                 .id(trace::flowId(trace::processId(), mRequest.seq))});
   if (late != 0) mark("late answers dropped", "answers", static_cast<long long>(late));
   if (err == -ETIMEDOUT) mark("timeout", "seq", mRequest.seq);
   return err;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <sstream>
@@ -43,19 +42,11 @@ std::string runTool(const std::string& tool, const std::string& args, int* exitC
 
 std::string runPeer(const std::string& args) { return runTool(VROCAM_PEER_BINARY, args); }
 
-testkit::PeerOptions testPeerOptions(const std::string& socket,
-                                     const std::vector<std::string>& flags) {
+testkit::PeerOptions testPeerOptions(const std::string& socket) {
   testkit::PeerOptions options;
   options.socket = socket;
   options.command = peerCommand();
-  options.flags = flags;
   return options;
-}
-
-int TestPeer::start(const std::vector<std::string>& extra, rlim_t maxFiles) {
-  options().flags = extra;
-  options().maxFiles = maxFiles;
-  return Peer::start();
 }
 
 RawClient::RawClient(const std::string& socket) {

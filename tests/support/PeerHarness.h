@@ -3,10 +3,6 @@
 // a cross build; and a raw client that speaks the wire format.
 #pragma once
 
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/types.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -26,16 +22,13 @@ std::string runTool(const std::string& tool, const std::string& args, int* exitC
 std::string runPeer(const std::string& args);
 
 // The options of a peer for the project's tests: the peer built here, behind the emulator of a
-// cross build, serving socket (a fresh abstract name when empty) with flags.
-testkit::PeerOptions testPeerOptions(const std::string& socket = "",
-                                     const std::vector<std::string>& flags = {});
+// cross build, serving socket (a fresh abstract name when empty).
+testkit::PeerOptions testPeerOptions(const std::string& socket = "");
 
 // The kit's peer with the project's options.
 class TestPeer : public testkit::Peer {
  public:
   explicit TestPeer(const std::string& socket = "") : Peer(testPeerOptions(socket)) {}
-  // Starts the peer with extra flags (and a descriptor limit, unless 0): Peer::start's result.
-  int start(const std::vector<std::string>& extra = {}, rlim_t maxFiles = 0);
 };
 
 // A connection to the peer that sends whatever bytes and descriptors a test gives it.

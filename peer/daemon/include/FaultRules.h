@@ -53,18 +53,16 @@ class FaultRules {
   // Adds a rule: "", or what is wrong with it (nothing is added then).
   std::string add(const std::string& rule);
   void clear() { mRules.clear(); }
-  bool empty() const { return mRules.empty(); }
   uint64_t seed() const { return mSeed; }
 
   // The fault to inject into a request of kind (a name of KIND, "accept" for a new connection) of
   // the client pid: the first rule that matches and fires, or a Fault of action None.
   Fault match(const char* kind, pid_t pid);
-  // One line per rule: "fault N RULE: matched M, fired F".
+  // "faults: seed S", then one line per rule: "fault N RULE: matched M, fired F".
   std::string list() const;
 
  private:
   struct Rule {
-    std::string text;
     std::string kind;
     pid_t pid = 0;  // 0: any client
     Fault fault;

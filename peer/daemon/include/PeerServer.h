@@ -100,9 +100,6 @@ class PeerServer {
   size_t memories() const;
   // Memories held in all, staged ones and those being freed included, and how many may be held.
   size_t held() const;
-  size_t budget() const { return mBudget.memories; }
-  // Waits until everything that clients let go of is unmapped and closed.
-  void settle() { mReaper.drain(); }
 
   struct Connection;
 
@@ -144,6 +141,8 @@ class PeerServer {
                const std::string& dir, int lock);
   // Hands what the connection's table let go of to the reaper.
   void reap(Connection& connection);
+  // Ends the connection's long command and hands all it holds to the reaper.
+  void letGo(Connection& connection);
   // What the peer may still take in: memories and address space.
   Room room() const;
   // One request or slice of the connection's; null, or why the connection is to end.

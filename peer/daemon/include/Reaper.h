@@ -36,8 +36,6 @@ class Reaper {
   // Memories taken and not freed yet, and the address space their mappings still take.
   size_t memories() const EXCLUDES(mLock);
   uint64_t length() const EXCLUDES(mLock);
-  // Waits until every memory taken is freed.
-  void drain() EXCLUDES(mLock);
   // Puts a slice of each free into file (null: none); file outlives the reaper.
   void traceTo(trace::TraceFile* file) { mTrace = file; }
 
@@ -45,7 +43,7 @@ class Reaper {
   void run() EXCLUDES(mLock);
 
   mutable host::Mutex mLock;
-  std::condition_variable_any mWake;  // work came, or the queue ran empty
+  std::condition_variable_any mWake;  // work came, or the reaper stops
   std::deque<Memory> mQueue GUARDED_BY(mLock);
   uint64_t mLength GUARDED_BY(mLock) = 0;
   bool mStopping GUARDED_BY(mLock) = false;
