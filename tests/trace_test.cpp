@@ -210,6 +210,17 @@ TEST(TraceTest, AMergeIsSortedAndNamesBrokenFlows) {
     EXPECT_EQ(st.st_mode & 0777, 0644 & ~mask);
     unlink(out.c_str());
   }
+  const pid_t full = fork();  // a merge the disk cannot take whole says so
+  if (full == 0) {
+    const rlimit limit{100, 100};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    _exit(trace::mergeTraces(home.path(), dir + "merged.out").error == -ENOSPC ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(full, &status, 0), full);
+  EXPECT_EQ(status, 0);
+  unlink((dir + "merged.out").c_str());
   for (const char* name : {"client-1.json", "p.json", ".json", "link.json"})
     unlink((dir + name).c_str());
   rmdir((dir + "sub.json").c_str());

@@ -121,9 +121,10 @@ MergeResult mergeTraces(const std::string& dir, const std::string& out, double s
   }
   merged += "],\"displayTimeUnit\":\"ns\"}\n";
   result.events = lines.size();
+  errno = 0;  // a short write sets none: the disk is full
   host::UniqueFd fd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!fd || write(fd.get(), merged.data(), merged.size()) != static_cast<ssize_t>(merged.size())) {
-    result.error = -errno;
+    result.error = errno != 0 ? -errno : -ENOSPC;
   }
   return result;
 }
